@@ -1,0 +1,41 @@
+# The two entry points: `make run` and `make test`. Both install what is missing first.
+BUILD      ?= build
+PYTHON     ?= /usr/bin/python3
+GENERATOR  ?= Ninja
+CMAKE_ARGS ?=
+JOBS       ?= $(shell nproc)
+
+.PHONY: all deps configure build run test test-cpp test-python bench format clean
+
+all: build
+
+deps:
+	@bash tools/install-deps.sh
+
+configure: deps
+	@[ -f $(BUILD)/CMakeCache.txt ] || cmake -S . -B $(BUILD) -G "$(GENERATOR)" \
+	  -DPython3_EXECUTABLE=$(PYTHON) $(CMAKE_ARGS)
+
+build: configure
+	cmake --build $(BUILD) -j $(JOBS)
+
+run: build
+	$(BUILD)/bin/velmo-demo
+
+test: build
+	$(MAKE) --no-print-directory test-cpp test-python
+
+test-cpp:
+	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+test-python:
+	PYTHONPATH=$(CURDIR)/$(BUILD)/python $(PYTHON) -m pytest -p no:cacheprovider python/tests
+
+bench: build
+	@for b in $(BUILD)/bin/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
+
+format:
+	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+clean:
+	rm -rf $(BUILD)
