@@ -35,7 +35,8 @@ using LogHandler =
                        const char* message, const char* file, const char* function, int line)>;
 
 // (Re)initialises the facility: applies setVerbosity and setContext, tears down any
-// earlier state, creates the console handler and, when not synchronous, the log thread.
+// earlier state (pending records are delivered, then every handler is dropped), creates
+// the console handler and, when not synchronous, the log thread.
 void init(int verbosity, int context, bool synchronous);
 
 // The environment variables "VERBOSE" and "CONTEXT", when set, override the argument.
@@ -48,11 +49,17 @@ int getContext();
 void log(LogLevel level, const char* category, const char* message, const char* file,
          const char* function, int line);
 
-// Registers `handler` under `name`, replacing an earlier handler of that name.
+// Registers `handler` under `name`, replacing an earlier handler of that name. Safe while
+// records are being dispatched. Handlers are called one at a time; a handler may log (in
+// asynchronous mode such a record is handled at once, ahead of the pending ones) and add or
+// remove handlers, but must not call init. Once removeLogHandler (or a later init) returns,
+// the removed handler is not called again (except, when a handler removes another, for the
+// record being handled).
 void addLogHandler(const std::string& name, LogHandler handler);
 void removeLogHandler(const std::string& name);
 
-// Waits until every record logged so far has reached the handlers (asynchronous mode).
+// Waits until every record logged so far has reached the handlers. In asynchronous mode a
+// caller that finds 128 records pending waits for a free slot, so no record is lost.
 void flush();
 
 // A string stream whose text becomes one record when the stream is destroyed:
@@ -60,8 +67,7 @@ void flush();
 //                      "core.common.broker") << "Exit" << std::endl;
 class LogStream : public std::ostringstream {
  public:
-  LogStream(LogLevel level, const char* file, const char* function, int line,
-            const char* category);
+  LogStream(LogLevel level, const char* file, const char* function, int line, const char* category);
   ~LogStream() override;
 
   LogStream(const LogStream&) = delete;
@@ -77,5 +83,11 @@ class LogStream : public std::ostringstream {
 
 }  // namespace log
 }  // namespace tu
+
+// The one-line form used across the code base (empty file, line 0, as every record of the
+// framework carries):
+//   TU_LOG(tu::log::error, "core.thread", "KX::KXThread::launch") << "text" << std::endl;
+#define TU_LOG(level, category, function) \
+  ::tu::log::LogStream((level), "", (function), 0, (category))
 
 #endif  // VELMO_LOG_LOG_H_

@@ -5,10 +5,16 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <variant>
 #include <vector>
 
 namespace KX {
+
+namespace detail {
+class KXValueText;
+}  // namespace detail
 
 // The dynamic value of the framework: every method argument and result, every
 // value kept in memory and every value that crosses the network is a KXValue.
@@ -89,12 +95,30 @@ class KXValue {
   explicit operator const TKXValueString&() const;
   const TKXValueBinary& getBinary() const;  // Binary or Object bytes, else type assertion
 
-  // ---- Mutable references. An Invalid value first adopts the requested type.
-  explicit operator int&();
-  // An Int value is turned into the Bool (value != 0) so the reference is a real flag.
-  explicit operator bool&();
-  explicit operator float&();
-  explicit operator TKXValueString&();
+  // The same read-only casts on a non-const value. Without them the mutable-reference
+  // conversions below would win overload resolution for a non-const value, so that
+  // `if (v)` or static_cast<int>(v) would adopt or convert types instead of reading.
+  explicit operator bool() { return static_cast<bool>(std::as_const(*this)); }
+  explicit operator int() { return static_cast<int>(std::as_const(*this)); }
+  explicit operator float() { return static_cast<float>(std::as_const(*this)); }
+  explicit operator const TKXValueString&() {
+    return static_cast<const TKXValueString&>(std::as_const(*this));
+  }
+
+  // ---- Mutable references: static_cast<int&>(v), static_cast<bool&>(v),
+  // static_cast<float&>(v), static_cast<TKXValueString&>(v). An Invalid value first adopts
+  // the requested type; another type raises the compatible-type assertion. A bool
+  // reference on an Int value turns it into the Bool (value != 0) so the reference is a
+  // real flag. (A template, so that a cast to a plain value type prefers the read-only
+  // casts above.)
+  template <typename T,
+            typename std::enable_if<std::is_same<T, int>::value || std::is_same<T, bool>::value ||
+                                        std::is_same<T, float>::value ||
+                                        std::is_same<T, TKXValueString>::value,
+                                    int>::type = 0>
+  explicit operator T&() {
+    return mutableRef(static_cast<T*>(nullptr));
+  }
   TKXValueBinary& getBinary();
 
   // ---- Arrays. Indexing checks the size and never grows the array.
@@ -129,7 +153,7 @@ class KXValue {
   // ---- Base64 of Binary/Object bytes (standard alphabet, '=' padding, a line end
   // after every 72 characters).
   std::string encodeBase64() const;
-  void encodeBase64(std::string& out) const;  // appends to `out`
+  void encodeBase64(std::string& out) const;         // appends to `out`
   bool decodeBase64(const std::string& text);        // becomes Binary
   bool decodeBase64Object(const std::string& text);  // becomes Object
 
@@ -140,15 +164,30 @@ class KXValue {
 
  private:
   // The variant's index is the type code, so the alternatives follow the code order.
-  using Payload = std::variant<std::monostate,                  // TypeInvalid
-                               std::unique_ptr<TKXValueArray>,  // TypeArray
-                               bool,                            // TypeBool
-                               int32_t,                         // TypeInt
-                               float,                           // TypeFloat
-                               std::unique_ptr<TKXValueString>, // TypeString
-                               std::unique_ptr<TKXValueBinary>, // TypeObject
-                               std::unique_ptr<TKXValueBinary>  // TypeBinary
+  using Payload = std::variant<std::monostate,                   // TypeInvalid
+                               std::unique_ptr<TKXValueArray>,   // TypeArray
+                               bool,                             // TypeBool
+                               int32_t,                          // TypeInt
+                               float,                            // TypeFloat
+                               std::unique_ptr<TKXValueString>,  // TypeString
+                               std::unique_ptr<TKXValueBinary>,  // TypeObject
+                               std::unique_ptr<TKXValueBinary>   // TypeBinary
                                >;
+
+  // The text dump and parser work on the payload directly.
+  friend class detail::KXValueText;
+
+  // The mutable references behind operator T&(), selected by the pointer's type.
+  int& mutableRef(int*);
+  bool& mutableRef(bool*);
+  float& mutableRef(float*);
+  TKXValueString& mutableRef(TKXValueString*);
+
+  // Deep copy of a payload (arrays recursively).
+  static Payload clonePayload(const Payload& payload);
+  // The payload word as the debug dump shows it: the scalar's bit pattern, or the
+  // address of the container, or 0 for Invalid.
+  uintptr_t payloadWord() const;
 
   // Mutable only for the in-place Binary-to-String conversion of the const string cast.
   mutable Payload payload_;
