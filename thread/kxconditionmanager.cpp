@@ -13,14 +13,17 @@ void KXConditionManager::add(const std::string& name) {
   entries_[name] = std::move(entry);
 }
 
+bool KXConditionManager::find(const std::string& name, Entry& entry) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  auto found = entries_.find(name);
+  if (found == entries_.end()) return false;
+  entry = found->second;
+  return true;
+}
+
 void KXConditionManager::wait(const std::string& name) {
   Entry entry;
-  {
-    std::lock_guard<std::mutex> guard(mutex_);
-    auto found = entries_.find(name);
-    if (found == entries_.end()) return;
-    entry = found->second;
-  }
+  if (!find(name, entry)) return;
   KXScopedLock guard(entry.mutex);
   const std::uint64_t seen = *entry.triggers;
   while (*entry.triggers == seen) entry.condition->wait(*entry.mutex);
@@ -28,12 +31,7 @@ void KXConditionManager::wait(const std::string& name) {
 
 void KXConditionManager::trigger(const std::string& name) {
   Entry entry;
-  {
-    std::lock_guard<std::mutex> guard(mutex_);
-    auto found = entries_.find(name);
-    if (found == entries_.end()) return;
-    entry = found->second;
-  }
+  if (!find(name, entry)) return;
   KXScopedLock guard(entry.mutex);
   ++*entry.triggers;
   entry.condition->broadcast();

@@ -38,6 +38,9 @@ class KXConditionManager {
     std::shared_ptr<std::uint64_t> triggers;
   };
 
+  // Copies the entry of `name` into `entry`; false for a name never added.
+  bool find(const std::string& name, Entry& entry);
+
   // Guards entries_ (not the entries' own state).
   std::mutex mutex_;
   std::map<std::string, Entry> entries_;

@@ -75,6 +75,31 @@ class ScopedLogHandler {
   std::string name_;
 };
 
+// Captures every record logged while it exists (any subsystem's tests may use it).
+class LogCapture {
+ public:
+  explicit LogCapture(std::string name = "test-log-capture")
+      : registration_(std::move(name), capture_.handler()) {}
+
+  // Everything logged so far, once pending records have been delivered.
+  std::vector<CapturedRecord> records() {
+    flush();
+    return capture_.records();
+  }
+
+  std::vector<CapturedRecord> withFunction(const std::string& function) {
+    std::vector<CapturedRecord> found;
+    for (auto& record : records()) {
+      if (record.function == function) found.push_back(std::move(record));
+    }
+    return found;
+  }
+
+ private:
+  RecordCapture capture_;
+  ScopedLogHandler registration_;  // after capture_: unregistered before it goes away
+};
+
 // Saves an environment variable and puts it back when destroyed.
 class EnvironmentGuard {
  public:

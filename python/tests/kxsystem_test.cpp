@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "log/log.h"
+#include "log/tests/logtestsupport.h"
 
 namespace KX {
 namespace python {
@@ -38,39 +39,8 @@ class TempDir {
   fs::path path_;
 };
 
-struct Record {
-  tu::log::LogLevel level;
-  std::string category;
-  std::string message;
-  std::string function;
-};
-
-// Collects the records logged while it exists.
-class LogCapture {
- public:
-  LogCapture() {
-    tu::log::addLogHandler(
-        kName, [this](tu::log::LogLevel level, const tu::log::LogTime&, const char* category,
-                      const char* message, const char*, const char* function, int) {
-          std::lock_guard<std::mutex> lock(mutex_);
-          records_.push_back({level, category, message, function});
-        });
-  }
-  ~LogCapture() { tu::log::removeLogHandler(kName); }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
-  std::vector<Record> records() {
-    tu::log::flush();
-    std::lock_guard<std::mutex> lock(mutex_);
-    return records_;
-  }
-
- private:
-  static constexpr const char* kName = "kxsystem_test";
-  std::mutex mutex_;
-  std::vector<Record> records_;
-};
+using tu::log::testing::LogCapture;
+using Record = tu::log::testing::CapturedRecord;
 
 // "touch <dir>/f1 ... <dir>/f<n>": a command of n + 1 words.
 std::string touchCommand(const fs::path& dir, int files) {

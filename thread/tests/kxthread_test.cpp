@@ -17,15 +17,11 @@ namespace {
 
 using testing::BlockingTask;
 using testing::FunctionTask;
+using testing::kImpossibleStack;
+using testing::kLaunchFailure;
 using testing::Latch;
 using testing::LogCapture;
 using testing::StackSizeOverride;
-
-// Far beyond what the machine can map, so pthread_create refuses the stack.
-constexpr std::size_t kImpossibleStack = std::size_t{1} << 46;
-
-const char kLaunchFailure[] =
-    "Aborting creating thread, pthread_create error. Too much thread asked";
 
 std::shared_ptr<KXThread> makeLoneWorker() {
   return std::make_shared<KXThread>(KXCondition::create(), KXMutex::create(), 0,

@@ -20,15 +20,12 @@ namespace {
 
 using testing::BlockingTask;
 using testing::FunctionTask;
+using testing::kImpossibleStack;
+using testing::kLaunchFailure;
 using testing::kPatience;
 using testing::Latch;
 using testing::LogCapture;
 using testing::StackSizeOverride;
-
-constexpr std::size_t kImpossibleStack = std::size_t{1} << 46;
-
-const char kLaunchFailure[] =
-    "Aborting creating thread, pthread_create error. Too much thread asked";
 
 int countLines(const std::string& text, const std::string& line) {
   int count = 0;

@@ -14,11 +14,21 @@
 #include <vector>
 
 #include "log/log.h"
+#include "log/tests/logtestsupport.h"
 #include "thread/kxtask.h"
 #include "thread/kxthread.h"
 
 namespace KX {
 namespace testing {
+
+using tu::log::testing::LogCapture;
+
+// Far beyond what the machine can map, so pthread_create refuses the stack.
+constexpr std::size_t kImpossibleStack = std::size_t{1} << 46;
+
+// What a worker that cannot be started logs and throws.
+constexpr char kLaunchFailure[] =
+    "Aborting creating thread, pthread_create error. Too much thread asked";
 
 // Generous bound for anything a test waits for: reached only when the code under test
 // is broken, and then the test fails instead of hanging.
@@ -86,48 +96,6 @@ class BlockingTask : public KXTask {
   std::shared_ptr<Latch> started_;
   std::shared_ptr<Latch> release_;
   std::atomic<bool> released_{false};
-};
-
-// Registers a log handler for its lifetime and keeps the records it sees.
-class LogCapture {
- public:
-  struct Record {
-    tu::log::LogLevel level;
-    std::string category;
-    std::string message;
-    std::string function;
-  };
-
-  explicit LogCapture(std::string name = "thread-test-capture") : name_(std::move(name)) {
-    tu::log::addLogHandler(
-        name_, [this](tu::log::LogLevel level, const tu::log::LogTime&, const char* category,
-                      const char* message, const char*, const char* function, int) {
-          std::lock_guard<std::mutex> guard(mutex_);
-          records_.push_back({level, category, message, function});
-        });
-  }
-  ~LogCapture() { tu::log::removeLogHandler(name_); }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
-  std::vector<Record> records() {
-    tu::log::flush();
-    std::lock_guard<std::mutex> guard(mutex_);
-    return records_;
-  }
-
-  std::vector<Record> withFunction(const std::string& function) {
-    std::vector<Record> found;
-    for (const auto& record : records()) {
-      if (record.function == function) found.push_back(record);
-    }
-    return found;
-  }
-
- private:
-  std::string name_;
-  std::mutex mutex_;
-  std::vector<Record> records_;
 };
 
 // Sets the process-wide worker stack size for its lifetime.
