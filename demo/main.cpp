@@ -49,7 +49,7 @@ int main() {
     std::printf("\nCasting a String to int fails with:\n%s\n\n", error.what());
   }
 
-  tu::log::log(tu::log::info, "demo", "Velmo values and logging are ready.\n", __FILE__,
-               "main", __LINE__);
+  tu::log::log(tu::log::info, "demo", "Velmo values and logging are ready.\n", __FILE__, "main",
+               __LINE__);
   return 0;
 }

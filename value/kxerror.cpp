@@ -41,9 +41,8 @@ KXNetworkError::KXNetworkError(const KXError& other) : KXError(std::string(other
 KXNetworkError::~KXNetworkError() = default;
 
 void throwAssertFailed(const std::string& module, const char* file, int line) {
-  throw KXError(module, "Assert failed", std::string(file ? file : "(unknown)") + ":" +
-                                             std::to_string(line),
-                file, line);
+  throw KXError(module, "Assert failed",
+                std::string(file ? file : "(unknown)") + ":" + std::to_string(line), file, line);
 }
 
 }  // namespace KX

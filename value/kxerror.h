@@ -28,8 +28,8 @@ class KXError : public std::runtime_error {
 // callers can catch network trouble apart from other errors.
 class KXNetworkError : public KXError {
  public:
-  KXNetworkError(std::string module, std::string method, std::string description,
-                 const char* file, int line);
+  KXNetworkError(std::string module, std::string method, std::string description, const char* file,
+                 int line);
   explicit KXNetworkError(const KXError& other);
   ~KXNetworkError() override;
 };
@@ -42,8 +42,8 @@ class KXNetworkError : public KXError {
 #define KX_THROW(module, method, description) \
   throw ::KX::KXError((module), (method), (description), __FILE__, __LINE__)
 
-#define KX_ASSERT(module, condition)                          \
-  do {                                                        \
+#define KX_ASSERT(module, condition)                                         \
+  do {                                                                       \
     if (!(condition)) ::KX::throwAssertFailed((module), __FILE__, __LINE__); \
   } while (false)
 
