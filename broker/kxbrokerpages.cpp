@@ -1,0 +1,390 @@
+#include "broker/kxbrokerpages.h"
+
+#include <algorithm>
+#include <exception>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "broker/kxbroker.h"
+#include "broker/kxbrokermanager.h"
+#include "module/kxmethodinfo.h"
+#include "module/kxmodulecore.h"
+#include "module/kxtaskmonitor.h"
+#include "value/kxerror.h"
+#include "value/kxvalue.h"
+
+namespace KX {
+namespace detail {
+
+namespace {
+
+constexpr char kEmptyAnswer[] = "HTTP/1.0 200\r\n\r\n";
+constexpr char kXmlHeader[] = "HTTP/1.0 200\r\nContent-Type: text/xml\r\n\r\n";
+constexpr char kTextHeader[] = "HTTP/1.0 200\r\nContent-Type: text/plain\r\n\r\n";
+constexpr char kHtmlHeader[] = "HTTP/1.0 200\r\nContent-Type: text/html\r\n\r\n";
+constexpr char kXmlDeclaration[] = "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n";
+constexpr char kBrokerStylesheet[] =
+    "<?xml-stylesheet type=\"text/xsl\" href=\"xsl/broker.xsl\"?>\n";
+constexpr char kModuleStylesheet[] =
+    "<?xml-stylesheet type=\"text/xsl\" href=\"xsl/module.xsl\"?>\n";
+
+constexpr char kEvalPrefix[] = "/?eval";
+constexpr char kContentSuffix[] = "Content.html";
+constexpr char kXmlSuffix[] = ".xml";
+
+constexpr char kUrlCallError[] = "Unable to evaluate url call";
+
+bool startsWith(const std::string& text, const std::string& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+bool endsWith(const std::string& text, const std::string& suffix) {
+  return text.size() >= suffix.size() &&
+         text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// <tag>escaped text</tag>
+void appendElement(std::string& out, const char* tag, const std::string& text) {
+  out += '<';
+  out += tag;
+  out += '>';
+  out += escapeXml(text);
+  out += "</";
+  out += tag;
+  out += ">\n";
+}
+
+void appendElement(std::string& out, const char* tag, int number) {
+  appendElement(out, tag, std::to_string(number));
+}
+
+std::string brokerHref(const std::string& ip, int port) {
+  return "http://" + ip + ":" + std::to_string(port) + "/index.xml";
+}
+
+// The modules the pages show: internal ones are left out. In name order.
+std::vector<std::shared_ptr<KXModuleCore>> listedModules(KXBroker& broker) {
+  std::vector<std::shared_ptr<KXModuleCore>> modules = broker.getModules();
+  modules.erase(std::remove_if(modules.begin(), modules.end(),
+                               [](const std::shared_ptr<KXModuleCore>& module) {
+                                 return isInternalModuleName(module->getName());
+                               }),
+                modules.end());
+  return modules;
+}
+
+// A value of the declared type to show in a URL-call example.
+KXValue exampleValue(const std::string& type) {
+  if (type == "bool") return KXValue(false);
+  if (type == "int") return KXValue(0);
+  if (type == "float") return KXValue(0.0f);
+  if (type == "string") return KXValue(std::string());
+  KXValue empty;
+  empty.arraySetSize(0);
+  return empty;
+}
+
+std::string urlCallExample(const std::string& module, const KXMethodInfo& method) {
+  std::string arguments;
+  if (!method.parameters.empty()) {
+    KXValue values;
+    values.arraySetSize(0);
+    for (const auto& parameter : method.parameters) {
+      values.arrayPush(exampleValue(parameter.type));
+    }
+    arguments = values.toString(1);
+  }
+  return std::string(kEvalPrefix) + module + "." + method.methodName + "(" + arguments + ")";
+}
+
+void appendParameter(std::string& out, const char* tag, const ParameterInfo& parameter) {
+  out += '<';
+  out += tag;
+  out += ">\n";
+  appendElement(out, "name", parameter.name);
+  appendElement(out, "description", parameter.description);
+  appendElement(out, "type", parameter.type);
+  out += "</";
+  out += tag;
+  out += ">\n";
+}
+
+void appendMethods(std::string& out, KXModuleCore& module) {
+  out += "<methods>\n";
+  std::set<std::string> shown;
+  for (const std::string& name : module.getMethodList()) {
+    // A name bound twice has one callable entry: show it once.
+    if (!shown.insert(name).second) continue;
+    std::shared_ptr<const KXMethodInfo> method = module.getMethodInfo(name);
+    if (!method) continue;
+    out += "<method>\n";
+    appendElement(out, "name", method->methodName);
+    appendElement(out, "description", method->methodDescription);
+    out += "<parameters>\n";
+    for (const auto& parameter : method->parameters) {
+      appendParameter(out, "parameter", parameter);
+    }
+    out += "</parameters>\n";
+    appendParameter(out, "return", method->returnValue);
+    out += "<examples>\n";
+    appendElement(out, "example", urlCallExample(module.getName(), *method));
+    out += "</examples>\n";
+    out += "</method>\n";
+  }
+  out += "</methods>\n";
+}
+
+std::string moduleDescription(KXModuleCore& module) {
+  const KXValue help = module.getModuleHelp();
+  if (help.getType() == KXValue::TypeArray && help.getSize() > 0 &&
+      help[0].getType() == KXValue::TypeString) {
+    return static_cast<const std::string&>(help[0]);
+  }
+  return std::string();
+}
+
+void appendTasks(std::string& out, KXBroker& broker) {
+  out += "<tasks>\n";
+  if (std::shared_ptr<KXTaskMonitor> monitor = broker.getTaskMonitor()) {
+    for (const auto& task : monitor->getTaskList()) {
+      if (isInternalModuleName(task.moduleName)) continue;
+      out += "<task>\n";
+      appendElement(out, "moduleName", task.moduleName);
+      appendElement(out, "name", task.methodName);
+      if (std::shared_ptr<KXModuleCore> module = broker.getModuleCore(task.moduleName)) {
+        if (std::shared_ptr<const KXMethodInfo> method = module->getMethodInfo(task.methodName)) {
+          appendElement(out, "description", method->methodDescription);
+          appendElement(out, "method", method->signature());
+        }
+      }
+      out += "</task>\n";
+    }
+  }
+  out += "</tasks>\n";
+}
+
+std::string brokerPage(KXBroker& broker, bool withMethods) {
+  const std::vector<std::shared_ptr<KXModuleCore>> modules = listedModules(broker);
+
+  std::string out = std::string(kXmlHeader) + kXmlDeclaration + kBrokerStylesheet;
+  out += "<page>\n";
+
+  out += "<broker>\n";
+  appendElement(out, "name", broker.getName());
+  appendElement(out, "ip", broker.getIP());
+  appendElement(out, "port", broker.getPort());
+  appendElement(out, "href", brokerHref(broker.getIP(), broker.getPort()));
+  out += "</broker>\n";
+
+  out += "<parentBroker>\n";
+  if (broker.hasParent()) {
+    appendElement(out, "ip", broker.getParentIP());
+    appendElement(out, "port", broker.getParentPort());
+    appendElement(out, "href", brokerHref(broker.getParentIP(), broker.getParentPort()));
+  }
+  out += "</parentBroker>\n";
+
+  // Child brokers register through the network service; this process has none.
+  out += "<childBrokers>\n</childBrokers>\n";
+
+  out += "<modules>\n";
+  for (const auto& module : modules) {
+    out += "<module>\n";
+    appendElement(out, "name", module->getName());
+    appendElement(out, "href", module->getName() + kXmlSuffix);
+    if (withMethods) {
+      appendMethods(out, *module);
+    }
+    out += "</module>\n";
+  }
+  out += "</modules>\n";
+
+  appendTasks(out, broker);
+
+  out += "<content>\n";
+  for (const auto& module : modules) {
+    out += "<module>\n";
+    appendElement(out, "name", module->getName());
+    appendElement(out, "href", module->getName() + kContentSuffix);
+    out += "</module>\n";
+  }
+  out += "</content>\n";
+
+  out += "</page>\n";
+  return out;
+}
+
+std::string modulePage(KXBroker& broker, KXModuleCore& module) {
+  const std::string name = module.getName();
+  const std::vector<std::shared_ptr<KXModuleCore>> modules = listedModules(broker);
+  std::string previous;
+  std::string next;
+  auto self = std::find_if(modules.begin(), modules.end(),
+                           [&name](const auto& listed) { return listed->getName() == name; });
+  if (self != modules.end()) {
+    if (self != modules.begin()) previous = (*std::prev(self))->getName() + kXmlSuffix;
+    if (std::next(self) != modules.end()) next = (*std::next(self))->getName() + kXmlSuffix;
+  }
+
+  std::string out = std::string(kXmlHeader) + kXmlDeclaration + kModuleStylesheet;
+  out += "<page>\n";
+  appendElement(out, "pagetitle", "Velmo Module Page : " + name);
+  out += "<module>\n";
+  appendElement(out, "name", name);
+  appendElement(out, "description", moduleDescription(module));
+  appendElement(out, "version", module.version());
+  appendElement(out, "parentbroker", broker.getName());
+  appendMethods(out, module);
+  out += "</module>\n";
+  appendElement(out, "kxname", name);
+  appendElement(out, "kxhref", name + kXmlSuffix);
+  appendElement(out, "kxprevious", previous);
+  appendElement(out, "kxnext", next);
+  appendElement(out, "kxlink", "index.xml");
+  appendElement(out, "kxpath", broker.getName() + "/" + name);
+  appendElement(out, "kxcontext", name + kContentSuffix);
+  out += "</page>\n";
+  return out;
+}
+
+// The module named by "/<name><suffix>", or null.
+std::shared_ptr<KXModuleCore> moduleForPath(KXBroker& broker, const std::string& path,
+                                            const std::string& suffix) {
+  if (path.size() <= suffix.size() + 1 || path[0] != '/' || !endsWith(path, suffix)) {
+    return nullptr;
+  }
+  return broker.getModuleCore(path.substr(1, path.size() - 1 - suffix.size()));
+}
+
+}  // namespace
+
+std::string escapeXml(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (char c : text) {
+    switch (c) {
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&apos;";
+        break;
+      default:
+        out += c;
+    }
+  }
+  return out;
+}
+
+std::string decodeUrl(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '%' && i + 2 < text.size() && hexValue(text[i + 1]) >= 0 &&
+        hexValue(text[i + 2]) >= 0) {
+      out += static_cast<char>(hexValue(text[i + 1]) * 16 + hexValue(text[i + 2]));
+      i += 2;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
+std::string evaluateUrlCall(KXBroker& broker, const std::string& call) {
+  if (call.empty()) {
+    return kUrlCallError;
+  }
+  // The module name ends at the first '.', the method name at the first '(' after it,
+  // the arguments at the last ')'.
+  const size_t dot = call.find('.');
+  if (dot == std::string::npos || dot == 0) {
+    return std::string(kUrlCallError) + ": No module name";
+  }
+  const size_t open = call.find('(', dot + 1);
+  if (open == std::string::npos) {
+    return std::string(kUrlCallError) + ": No open bracket";
+  }
+  const size_t close = call.rfind(')');
+  if (close == std::string::npos || close < open) {
+    return std::string(kUrlCallError) + ": No closing bracket";
+  }
+  if (open == dot + 1) {
+    return std::string(kUrlCallError) + ": No method name";
+  }
+  const std::string module = call.substr(0, dot);
+  const std::string method = call.substr(dot + 1, open - dot - 1);
+  const std::string argumentText = call.substr(open + 1, close - open - 1);
+
+  KXValue arguments;
+  if (argumentText.find_first_not_of(" \t") == std::string::npos) {
+    arguments.arraySetSize(0);
+  } else {
+    try {
+      arguments.unSerializeFromText(argumentText);
+    } catch (const KXError&) {
+      return kUrlCallError;
+    }
+    if (arguments.getType() != KXValue::TypeArray) {
+      return kUrlCallError;
+    }
+  }
+
+  try {
+    const KXValue result = broker.methodCall(module, method, arguments);
+    if (!result.isValid()) {
+      return "No return value (void method)";
+    }
+    return result.toString(1);
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+}
+
+std::string answerPage(KXBroker& broker, const std::string& rawPath) {
+  const std::string path = decodeUrl(rawPath);
+  try {
+    if (path == "/favicon.ico") {
+      return kEmptyAnswer;
+    }
+    if (startsWith(path, kEvalPrefix)) {
+      return kTextHeader + evaluateUrlCall(broker, path.substr(sizeof(kEvalPrefix) - 1));
+    }
+    if (path == "/full") {
+      return brokerPage(broker, true);
+    }
+    if (auto module = moduleForPath(broker, path, kContentSuffix)) {
+      return kHtmlHeader + module->getContentPage();
+    }
+    if (path != "/index.xml") {
+      if (auto module = moduleForPath(broker, path, kXmlSuffix)) {
+        return modulePage(broker, *module);
+      }
+    }
+    // "/", "/index.xml" and every path that names nothing get the broker page.
+    return brokerPage(broker, false);
+  } catch (const std::exception& error) {
+    // A module's description or content page failed: say so rather than drop the answer.
+    return kTextHeader + std::string(error.what());
+  }
+}
+
+}  // namespace detail
+}  // namespace KX

@@ -1,0 +1,38 @@
+#ifndef VELMO_BROKER_KXBROKERPAGES_H_
+#define VELMO_BROKER_KXBROKERPAGES_H_
+
+#include <string>
+
+namespace KX {
+
+class KXBroker;
+
+namespace detail {
+
+// The broker's HTTP pages: the whole response (status line, headers, body) that answers a
+// GET of `path` on `broker`'s port.
+//   "/favicon.ico"              an empty answer
+//   "/?eval<mod>.<meth>(<args>)" a URL call; <args> is an Array in compact text form
+//   "/full"                     the broker page with every module's methods
+//   "/index.xml", "/"           the broker page
+//   "/<module>.xml"             the module page
+//   "/<module>Content.html"     the module's own content page
+// Any other path gets the broker page. %XX escapes in the path are decoded first.
+// Reads the broker's state only; safe from any thread.
+std::string answerPage(KXBroker& broker, const std::string& path);
+
+// The body of a URL call "<module>.<method>(<args>)": the result's compact text, or the
+// reason the call could not be made.
+std::string evaluateUrlCall(KXBroker& broker, const std::string& call);
+
+// `text` with &, <, >, " and ' written as XML entities.
+std::string escapeXml(const std::string& text);
+
+// `text` with every "%XX" (two hexadecimal digits) replaced by that byte; other '%' and
+// '+' are kept as they are.
+std::string decodeUrl(const std::string& text);
+
+}  // namespace detail
+}  // namespace KX
+
+#endif  // VELMO_BROKER_KXBROKERPAGES_H_
