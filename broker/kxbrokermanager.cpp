@@ -175,7 +175,8 @@ std::shared_ptr<KXBroker> KXBrokerManager::getEmptyBroker() {
   std::lock_guard<std::mutex> creation(impl_->emptyBrokerCreation);
   {
     KXScopedReadLock guard(impl_->lock);
-    if (impl_->emptyBroker) {
+    // A fallback broker that was shut down is of no use any more: make a new one.
+    if (impl_->emptyBroker && !impl_->emptyBroker->isShuttingDown()) {
       return impl_->emptyBroker;
     }
   }

@@ -68,6 +68,11 @@ struct KXModuleCore::Impl {
   // Guarded by tableMutex. Entries are immutable once stored: a rebind replaces the
   // pointer, so a caller holding the old description keeps a valid functor.
   std::map<std::string, std::shared_ptr<const KXMethodInfo>> table;
+  // Guarded by tableMutex: descriptions replaced by a rebind, kept for the module's
+  // lifetime so that functors cached by callers never dangle.
+  std::vector<std::shared_ptr<const KXMethodInfo>> retired;
+  // Bumped under tableMutex by every bind; read without it.
+  std::atomic<std::uint64_t> tableVersion{0};
 
   // The module's second lock: guards what the describing operations build up.
   const std::shared_ptr<KXMutex> describeMutex = KXMutex::create();
@@ -142,17 +147,22 @@ void KXModuleCore::execute(const std::string& method, const KXValue& params, KXV
   runLocked([&] { findMethod(method)->functor->call(params, result); });
 }
 
-bool KXModuleCore::runLocked(const std::function<void()>& call) {
+bool KXModuleCore::enterCall() {
   if (impl_->exiting.load()) {
     std::printf(
         "WARNING: Attempt to run a new task while shutting down. Task will not be executed.\n");
     std::fflush(stdout);
     return false;
   }
-  KXScopedReadLock lock(impl_->executionLock);
-  call();
+  // The module holds its lock for its whole life and the caller holds the module, so
+  // the lock is taken directly: this is the hot path of every typed local call.
+  impl_->executionLock->readLock();
   return true;
 }
+
+void KXModuleCore::leaveCall() { impl_->executionLock->unlock(); }
+
+std::uint64_t KXModuleCore::getMethodTableVersion() const { return impl_->tableVersion.load(); }
 
 void KXModuleCore::runExclusive(const std::function<void()>& operation) {
   KXScopedWriteLock lock(impl_->executionLock);
@@ -227,7 +237,10 @@ void KXModuleCore::bindMethod(const std::shared_ptr<KXFunctorBase>& functor) {
   auto info = std::make_shared<KXMethodInfo>(impl_->current);
   info->functor = functor;
   impl_->methodList.arrayPush(KXValue(info->methodName));
-  impl_->table[info->methodName] = std::move(info);
+  auto& entry = impl_->table[info->methodName];
+  if (entry) impl_->retired.push_back(std::move(entry));
+  entry = std::move(info);
+  impl_->tableVersion.fetch_add(1);
   impl_->current.reset();
 }
 

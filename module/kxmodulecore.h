@@ -57,7 +57,21 @@ class KXModuleCore : public std::enable_shared_from_this<KXModuleCore> {
 
   // Runs `call` under the shared side of the execution lock, or prints the exiting
   // warning and returns false without running it. Typed local calls go through here.
-  bool runLocked(const std::function<void()>& call);
+  template <typename F>
+  bool runLocked(F&& call) {
+    if (!enterCall()) return false;
+    struct Leave {
+      KXModuleCore& module;
+      ~Leave() { module.leaveCall(); }
+    } leave{*this};
+    call();
+    return true;
+  }
+  // Changes whenever a method is bound. A description the table held once stays alive
+  // as long as the module does (a rebind retires it), so a functor found while the
+  // version was v may be called, under a strong reference to the module, for as long as
+  // the version is still v.
+  std::uint64_t getMethodTableVersion() const;
   // Runs `operation` under the exclusive side of the execution lock: waits until no call
   // of this module is running and holds new calls back meanwhile. Must not be called
   // from within a call of this module (it would wait for itself).
@@ -147,6 +161,10 @@ class KXModuleCore : public std::enable_shared_from_this<KXModuleCore> {
   void setRequiresGenericDispatch(bool generic);
 
  private:
+  // Takes the shared side of the execution lock, or prints the exiting warning and
+  // returns false; leaveCall releases it.
+  bool enterCall();
+  void leaveCall();
   void setSignatureTypes(const std::vector<std::string>& parameterTypes,
                          const std::string& returnType);
 

@@ -78,7 +78,7 @@ class KXTaskMonitor {
 
  private:
   std::mutex mutex_;
-  std::condition_variable removed_;  // notified on every remove
+  std::condition_variable removed_;                           // notified on every remove
   std::map<int, std::shared_ptr<detail::KXTaskInfo>> tasks_;  // guarded by mutex_
 };
 

@@ -17,6 +17,7 @@
 #include "module/kxtaskmonitor.h"
 #include "thread/kxthreadpool.h"
 #include "value/kxerror.h"
+#include "value/tests/value_test_util.h"
 
 namespace KX {
 namespace testing {
@@ -27,14 +28,7 @@ using tu::log::testing::LogCapture;
 constexpr char kShutdown[] = "KX::KXBrokerImpl::shutdown";
 constexpr char kRegister[] = "KX::KXBrokerImpl::registerModule";
 
-std::string errorText(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const KXError& error) {
-    return error.what();
-  }
-  return "(nothing thrown)";
-}
+using testing_util::errorText;
 
 // A broker of its own per test, without network, shut down afterwards.
 class BrokerTest : public ::testing::Test {

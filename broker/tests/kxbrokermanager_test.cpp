@@ -201,6 +201,17 @@ TEST(BrokerManager, EmptyBrokerIsCreatedOnce) {
   EXPECT_TRUE(lists(*manager, first));
 }
 
+TEST(BrokerManager, EmptyBrokerIsMadeAgainOnceShutDown) {
+  auto manager = std::make_shared<KXBrokerManager>();
+  auto first = manager->getEmptyBroker();
+  first->shutdown();
+  auto second = manager->getEmptyBroker();
+  EXPECT_NE(first, second);
+  EXPECT_FALSE(second->isShuttingDown());
+  EXPECT_EQ(second->getName(), "emptyBroker");
+  EXPECT_EQ(second, manager->getEmptyBroker());
+}
+
 TEST(InternalModuleName, HiddenNames) {
   EXPECT_TRUE(isInternalModuleName("KXNetwork"));
   EXPECT_TRUE(isInternalModuleName("KXNetworkSomething"));

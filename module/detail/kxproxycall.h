@@ -11,6 +11,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <type_traits>
@@ -85,34 +86,32 @@ KXValue packArguments(const A&... args) {
 }
 
 // Per calling thread and typed-call signature, the method the last typed call reached:
-// repeated calls then skip the module's table lookup, the type checks and the cast.
-// It holds the module and the description weakly, which keeps their identity (their
-// control blocks cannot be reused while it refers to them) without keeping them alive.
-// The table only ever replaces a description, never mutates it: once a method is bound
-// again, the old description expires and the next call looks the method up afresh.
+// repeated calls then skip the module's table lookup, the type checks and the cast. It
+// holds the module weakly, which keeps its identity (the control block cannot be reused
+// while it refers to it) without keeping it alive; the functor stays valid while the
+// module lives and its method table keeps the remembered version.
 template <typename Typed>
 struct TypedCallMemo {
-  // The remembered description when it is for `method` of `core` and still bound.
-  std::shared_ptr<const KXMethodInfo> find(const std::shared_ptr<KXModuleCore>& core,
-                                           const std::string& method) const {
-    if (module.owner_before(core) || core.owner_before(module) || method != methodName) {
-      return nullptr;
-    }
-    return info.lock();
+  // Whether the remembered method is `method` of `core` and still bound; `typed` is then
+  // its typed functor (null for a functor of another kind).
+  bool find(const std::shared_ptr<KXModuleCore>& core, const std::string& method) const {
+    // Same control block as the live `core`: the very same module, still alive.
+    return !module.owner_before(core) && !core.owner_before(module) &&
+           version == core->getMethodTableVersion() && method == methodName;
   }
 
   void remember(const std::shared_ptr<KXModuleCore>& core, const std::string& method,
-                const std::shared_ptr<const KXMethodInfo>& description, Typed* functor) {
+                std::uint64_t tableVersion, Typed* functor) {
     module = core;
     methodName = method;
-    info = description;
+    version = tableVersion;
     typed = functor;
   }
 
   std::weak_ptr<KXModuleCore> module;
   std::string methodName;
-  std::weak_ptr<const KXMethodInfo> info;
-  Typed* typed = nullptr;  // valid while `info` is
+  std::uint64_t version = 0;
+  Typed* typed = nullptr;
 };
 
 }  // namespace detail
@@ -154,26 +153,27 @@ R KXProxy::callTyped(const std::string& method, const A&... args) {
   if (!core->requiresGenericDispatch()) {
     using Typed = detail::KXTypedFunctor<R, A...>;
     thread_local detail::TypedCallMemo<Typed> memo;
-    std::shared_ptr<const KXMethodInfo> info = memo.find(core, method);
     Typed* typed = memo.typed;
-    if (!info) {
-      info = typedMethod(*core, method, detail::argTypeNames<A...>(), sizeof...(A),
-                         detail::typeNameOf<R>());
+    if (!memo.find(core, method)) {
+      // Read before the lookup: a bind racing with it only makes the memo miss later.
+      const std::uint64_t version = core->getMethodTableVersion();
+      const std::shared_ptr<const KXMethodInfo> info = typedMethod(
+          *core, method, detail::argTypeNames<A...>(), sizeof...(A), detail::typeNameOf<R>());
       // The signature matched; a functor of another kind (not a bound member function)
       // still takes the generic path below.
       typed = dynamic_cast<Typed*>(info->functor.get());
-      memo.remember(core, method, info, typed);
+      memo.remember(core, method, version, typed);
     }
     if (typed != nullptr) {
       if constexpr (std::is_void_v<R>) {
         auto body = [&] { typed->invoke(args...); };
         // An exiting module runs nothing and prints its warning, as execute does.
-        core->runLocked(std::function<void()>(std::ref(body)));
+        core->runLocked(body);
         return;
       } else {
         R out{};
         auto body = [&] { out = typed->invoke(args...); };
-        if (!core->runLocked(std::function<void()>(std::ref(body)))) throwModuleDeleted();
+        if (!core->runLocked(body)) throwModuleDeleted();
         return out;
       }
     }

@@ -18,9 +18,13 @@
 #include "thread/tests/thread_test_support.h"
 #include "value/kxerror.h"
 #include "value/kxvalue.h"
+#include "value/tests/value_test_util.h"
 
 namespace KX {
 namespace {
+
+using testing_util::arrayOf;
+using testing_util::errorText;
 
 using KX::testing::kPatience;
 using KX::testing::Latch;
@@ -30,29 +34,6 @@ constexpr char kExitingWarning[] =
     "WARNING: Attempt to run a new task while shutting down. Task will not be executed.\n";
 constexpr char kHeader[] = "\n========================= Usage ============================\n";
 constexpr char kFooter[] = "\n------------------------------------------------------------\n";
-
-KXValue args() {
-  KXValue array;
-  array.arraySetSize(0);
-  return array;
-}
-
-template <typename... T>
-KXValue args(const T&... values) {
-  KXValue array = args();
-  (array.arrayPush(KXValue(values)), ...);
-  return array;
-}
-
-template <typename F>
-std::string errorText(F body) {
-  try {
-    body();
-  } catch (const KXError& error) {
-    return error.what();
-  }
-  return "";
-}
 
 // A module with methods of every shape the tests need.
 class Calculator : public KXModule {
@@ -190,7 +171,7 @@ TEST(ModuleCoreBindTest, NamesThatOnlyResembleForbiddenOnesAreAccepted) {
     module->bindMethod(&Calculator::add);
   }
   KXValue result;
-  module->execute("calls", args(1, 2), result);
+  module->execute("calls", arrayOf(1, 2), result);
   EXPECT_EQ(result, KXValue(3));
 }
 
@@ -258,7 +239,7 @@ TEST(ModuleCoreBindTest, BindingANameTwiceKeepsTheLaterMethodAndListsItTwice) {
   module->bindMethod(&Twice::second);
 
   KXValue result;
-  module->execute("f", args(), result);
+  module->execute("f", arrayOf(), result);
   EXPECT_EQ(result, KXValue(2));
   EXPECT_EQ(module->getMethodHelpObject("f").methodDescription, "second");
 
@@ -270,7 +251,7 @@ TEST(ModuleCoreBindTest, BindingANameTwiceKeepsTheLaterMethodAndListsItTwice) {
   // Whoever still holds the replaced description holds a working functor.
   ASSERT_NE(old, nullptr);
   EXPECT_EQ(old->methodDescription, "first");
-  old->functor->call(args(), result);
+  old->functor->call(arrayOf(), result);
   EXPECT_EQ(result, KXValue(1));
 }
 
@@ -287,7 +268,7 @@ TEST(ModuleCoreBindTest, ModuleDescriptionIsElementZero) {
   EXPECT_EQ(help[0], KXValue("Does sums"));
   module->setModuleDescription("Other");
   KXValue result;
-  module->execute("getModuleHelp", args(), result);
+  module->execute("getModuleHelp", arrayOf(), result);
   ASSERT_EQ(result.getSize(), 1);
   EXPECT_EQ(result[0], KXValue("Other"));
 }
@@ -297,9 +278,9 @@ TEST(ModuleCoreBindTest, ModuleDescriptionIsElementZero) {
 TEST(ModuleCoreExecuteTest, CallsByNameWithConvertedArguments) {
   auto module = makeCalculator();
   KXValue result;
-  module->execute("add", args(2, 40), result);
+  module->execute("add", arrayOf(2, 40), result);
   EXPECT_EQ(result, KXValue(42));
-  module->execute("scale", args(args(1, 2, 3), 2), result);
+  module->execute("scale", arrayOf(arrayOf(1, 2, 3), 2), result);
   ASSERT_EQ(result.getSize(), 3);
   EXPECT_EQ(result[2], KXValue("6"));
 }
@@ -307,7 +288,7 @@ TEST(ModuleCoreExecuteTest, CallsByNameWithConvertedArguments) {
 TEST(ModuleCoreExecuteTest, UnknownNameRaises) {
   auto module = makeCalculator();
   KXValue result = 5;
-  EXPECT_EQ(errorText([&] { module->execute("nope", args(), result); }),
+  EXPECT_EQ(errorText([&] { module->execute("nope", arrayOf(), result); }),
             "\tM::nope\n\tFunction nope does not exist in module M");
   EXPECT_EQ(result, KXValue(5));
 }
@@ -315,7 +296,7 @@ TEST(ModuleCoreExecuteTest, UnknownNameRaises) {
 TEST(ModuleCoreExecuteTest, ConversionErrorsReachTheCaller) {
   auto module = makeCalculator();
   KXValue result = 5;
-  EXPECT_EQ(errorText([&] { module->execute("add", args("1", 2), result); }),
+  EXPECT_EQ(errorText([&] { module->execute("add", arrayOf("1", 2), result); }),
             "\tconvertFromKXValue::convertFromKXValue\n\tParameter type is String instead of int");
   EXPECT_EQ(module->calls.load(), 0);
   EXPECT_EQ(result, KXValue(5));
@@ -324,11 +305,11 @@ TEST(ModuleCoreExecuteTest, ConversionErrorsReachTheCaller) {
 TEST(ModuleCoreExecuteTest, AFailingMethodLeavesTheModuleCallableAndUnlocked) {
   auto module = makeCalculator();
   KXValue result = "unchanged";
-  EXPECT_EQ(errorText([&] { module->execute("boom", args(), result); }),
+  EXPECT_EQ(errorText([&] { module->execute("boom", arrayOf(), result); }),
             "\tCalculator::boom\n\tit failed");
   EXPECT_EQ(result, KXValue("unchanged"));
 
-  module->execute("add", args(1, 1), result);
+  module->execute("add", arrayOf(1, 1), result);
   EXPECT_EQ(result, KXValue(2));
 
   // The exclusive side is free again only if the failed call gave its shared side back.
@@ -349,7 +330,11 @@ TEST(ModuleCoreExecuteTest, CallsOfOneModuleRunConcurrently) {
   for (int i = 0; i < 2; ++i) {
     callers.emplace_back([module, &errors, i] {
       KXValue result;
-      errors[i] = errorText([&] { module->execute("rendezvous", args(), result); });
+      try {
+        module->execute("rendezvous", arrayOf(), result);
+      } catch (const KXError& error) {
+        errors[i] = error.what();
+      }
     });
   }
   for (auto& caller : callers) caller.join();
@@ -361,7 +346,7 @@ TEST(ModuleCoreExecuteTest, ExclusiveOperationWaitsForRunningCalls) {
   auto module = makeCalculator();
   std::thread call([module] {
     KXValue result;
-    module->execute("hold", args(), result);
+    module->execute("hold", arrayOf(), result);
   });
   ASSERT_TRUE(module->started.wait());
   std::thread exclusive([module] {
@@ -382,14 +367,14 @@ TEST(ModuleCoreExecuteTest, ExitingModuleRunsNothing) {
   EXPECT_TRUE(module->isExiting());
   KXValue result = "kept";
   ::testing::internal::CaptureStdout();
-  module->execute("add", args(1, 2), result);
+  module->execute("add", arrayOf(1, 2), result);
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), kExitingWarning);
   EXPECT_EQ(result, KXValue("kept"));
   EXPECT_EQ(module->calls.load(), 0);
 
   // Even an unknown name gives only the warning.
   ::testing::internal::CaptureStdout();
-  EXPECT_NO_THROW(module->execute("nope", args(), result));
+  EXPECT_NO_THROW(module->execute("nope", arrayOf(), result));
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), kExitingWarning);
 }
 
@@ -409,7 +394,7 @@ TEST(ModuleCoreExecuteTest, BuiltinExitMarksTheModuleExiting) {
   auto module = makeCalculator();
   EXPECT_FALSE(module->isExiting());
   KXValue result = 3;
-  module->execute("exit", args(), result);
+  module->execute("exit", arrayOf(), result);
   EXPECT_TRUE(module->isExiting());
   EXPECT_EQ(result, KXValue(3));
 }
@@ -417,16 +402,16 @@ TEST(ModuleCoreExecuteTest, BuiltinExitMarksTheModuleExiting) {
 TEST(ModuleCoreExecuteTest, BuiltinsAnswer) {
   auto module = makeCalculator();
   KXValue result;
-  module->execute("ping", args(), result);
+  module->execute("ping", arrayOf(), result);
   EXPECT_EQ(result.getType(), KXValue::TypeBool);
   EXPECT_TRUE(static_cast<bool>(result));
-  module->execute("version", args(), result);
+  module->execute("version", arrayOf(), result);
   EXPECT_EQ(result, KXValue("1.14"));
-  module->execute("getMethodHelp", args("add"), result);
+  module->execute("getMethodHelp", arrayOf("add"), result);
   EXPECT_EQ(result[0], KXValue("add"));
-  module->execute("getUsage", args("say"), result);
+  module->execute("getUsage", arrayOf("say"), result);
   EXPECT_EQ(result, KXValue(module->getUsage("say")));
-  module->execute("getMethodList", args(), result);
+  module->execute("getMethodList", arrayOf(), result);
   ASSERT_EQ(result.getType(), KXValue::TypeArray);
   EXPECT_EQ(result[0], KXValue("exit"));
 }
@@ -435,7 +420,7 @@ TEST(ModuleCoreExecuteTest, VersionIsVirtual) {
   auto module = std::make_shared<Twice>(nullptr, "M");
   EXPECT_EQ(module->KXModuleCore::version(), "1.14");
   KXValue result;
-  module->execute("version", args(), result);
+  module->execute("version", arrayOf(), result);
   EXPECT_EQ(result, KXValue("2.0"));
 }
 
@@ -537,7 +522,7 @@ TEST(ModuleCoreQueryTest, MethodListHidesInternalNames) {
   EXPECT_EQ(names, (std::vector<std::string>{"visible", "a_b"}));
   // Hidden from the list, yet callable.
   KXValue result;
-  module->execute("_hidden", args(), result);
+  module->execute("_hidden", arrayOf(), result);
   EXPECT_EQ(result, KXValue(1));
 }
 
@@ -689,7 +674,7 @@ TEST_P(BuiltinMethodTest, IsDescribedAsPublished) {
   auto module = std::make_shared<KXModule>(nullptr, "plain");
 
   KXValue help;
-  module->execute("getMethodHelp", args(expected.name), help);
+  module->execute("getMethodHelp", arrayOf(expected.name), help);
   ASSERT_EQ(help.getSize(), 5);
   EXPECT_EQ(help[0], KXValue(expected.name));
   EXPECT_EQ(help[1], KXValue(expected.description));
@@ -773,9 +758,9 @@ TEST(ModuleCoreStateTest, WithoutABroker) {
       "\tKXModule::getParentBroker\n\tModule M does not have a Broker anymore.";
   EXPECT_EQ(errorText([&] { module->getParentBroker(); }), expected);
   KXValue result;
-  EXPECT_EQ(errorText([&] { module->execute("getBrokerName", args(), result); }), expected);
-  EXPECT_EQ(errorText([&] { module->execute("isRunning", args(2), result); }), expected);
-  EXPECT_EQ(errorText([&] { module->pCall("add", args(1, 2)); }), expected);
+  EXPECT_EQ(errorText([&] { module->execute("getBrokerName", arrayOf(), result); }), expected);
+  EXPECT_EQ(errorText([&] { module->execute("isRunning", arrayOf(2), result); }), expected);
+  EXPECT_EQ(errorText([&] { module->pCall("add", arrayOf(1, 2)); }), expected);
   // Exiting without a broker has nothing to leave, and is fine.
   EXPECT_NO_THROW(module->exit());
 }
@@ -807,7 +792,7 @@ class ModuleWithBrokerTest : public ::testing::Test {
 TEST_F(ModuleWithBrokerTest, BrokerName) {
   EXPECT_EQ(module_->getParentBroker(), broker_);
   EXPECT_EQ(module_->getBrokerName(), "test");
-  EXPECT_EQ(call("getBrokerName", args()), KXValue("test"));
+  EXPECT_EQ(call("getBrokerName", arrayOf()), KXValue("test"));
 }
 
 TEST_F(ModuleWithBrokerTest, ParentBrokerGone) {
@@ -821,7 +806,7 @@ TEST_F(ModuleWithBrokerTest, ParentBrokerGone) {
 
 TEST_F(ModuleWithBrokerTest, ExitLeavesTheBrokerOnce) {
   ASSERT_EQ(broker_->getModuleCore("calc"), module_);
-  call("exit", args());
+  call("exit", arrayOf());
   EXPECT_TRUE(module_->isExiting());
   EXPECT_EQ(broker_->getModuleCore("calc"), nullptr);
 
@@ -833,11 +818,11 @@ TEST_F(ModuleWithBrokerTest, ExitLeavesTheBrokerOnce) {
 }
 
 TEST_F(ModuleWithBrokerTest, TaskControlsOnUnknownIds) {
-  EXPECT_EQ(call("isRunning", args(1000)), KXValue(false));
-  EXPECT_EQ(call("wait", args(1000, 100)), KXValue(false));
-  EXPECT_EQ(call("wait", args(1000, 0)), KXValue(false));
+  EXPECT_EQ(call("isRunning", arrayOf(1000)), KXValue(false));
+  EXPECT_EQ(call("wait", arrayOf(1000, 100)), KXValue(false));
+  EXPECT_EQ(call("wait", arrayOf(1000, 0)), KXValue(false));
   EXPECT_FALSE(module_->isStopRequested(1000));
-  EXPECT_EQ(errorText([&] { call("stop", args(1000)); }),
+  EXPECT_EQ(errorText([&] { call("stop", arrayOf(1000)); }),
             "\tKXTaskMonitor::stop\n\tThe method 'stop' has not been implement in your module. "
             "Module authors are encouraged to implement this method if they wish to allow long "
             "running methods to be stopped. Please see the documentation for further details.");
@@ -845,42 +830,42 @@ TEST_F(ModuleWithBrokerTest, TaskControlsOnUnknownIds) {
 }
 
 TEST_F(ModuleWithBrokerTest, ParallelCallRunsAndEnds) {
-  const int id = module_->pCall("say", args("hello"));
+  const int id = module_->pCall("say", arrayOf("hello"));
   EXPECT_GT(id, 0);
   EXPECT_EQ(id % 2, 0);
-  EXPECT_EQ(call("wait", args(id, 0)), KXValue(false));
-  EXPECT_EQ(call("isRunning", args(id)), KXValue(false));
+  EXPECT_EQ(call("wait", arrayOf(id, 0)), KXValue(false));
+  EXPECT_EQ(call("isRunning", arrayOf(id)), KXValue(false));
   std::lock_guard<std::mutex> guard(module_->mutex);
   EXPECT_EQ(module_->said, std::vector<std::string>{"hello"});
 }
 
 TEST_F(ModuleWithBrokerTest, ParallelCallOfAnUnknownMethod) {
-  EXPECT_EQ(errorText([&] { module_->pCall("nope", args()); }),
+  EXPECT_EQ(errorText([&] { module_->pCall("nope", arrayOf()); }),
             "\tcalc::nope\n\tFunction nope does not exist in module calc");
 }
 
 TEST_F(ModuleWithBrokerTest, ParallelCallIsRunningUntilReleased) {
-  const int id = module_->pCall("block", args());
-  EXPECT_EQ(call("isRunning", args(id)), KXValue(true));
+  const int id = module_->pCall("block", arrayOf());
+  EXPECT_EQ(call("isRunning", arrayOf(id)), KXValue(true));
   ASSERT_TRUE(module_->started.wait());
   EXPECT_EQ(module_->taskId.load(), id);
   // Still blocked: the wait gives up.
-  EXPECT_EQ(call("wait", args(id, 40)), KXValue(true));
-  EXPECT_EQ(call("isRunning", args(id)), KXValue(true));
+  EXPECT_EQ(call("wait", arrayOf(id, 40)), KXValue(true));
+  EXPECT_EQ(call("isRunning", arrayOf(id)), KXValue(true));
   module_->release.countDown();
-  EXPECT_EQ(call("wait", args(id, 0)), KXValue(false));
+  EXPECT_EQ(call("wait", arrayOf(id, 0)), KXValue(false));
   EXPECT_FALSE(module_->stoppedEarly.load());
 }
 
 TEST_F(ModuleWithBrokerTest, StopReachesTheRunningMethod) {
-  const int id = module_->pCall("block", args());
+  const int id = module_->pCall("block", arrayOf());
   ASSERT_TRUE(module_->started.wait());
   ASSERT_EQ(module_->taskId.load(), id);
   EXPECT_FALSE(module_->isStopRequested(id));
-  call("stop", args(id));
-  EXPECT_EQ(call("wait", args(id, 0)), KXValue(false));
+  call("stop", arrayOf(id));
+  EXPECT_EQ(call("wait", arrayOf(id, 0)), KXValue(false));
   EXPECT_TRUE(module_->stoppedEarly.load());
-  EXPECT_EQ(call("isRunning", args(id)), KXValue(false));
+  EXPECT_EQ(call("isRunning", arrayOf(id)), KXValue(false));
 }
 
 }  // namespace

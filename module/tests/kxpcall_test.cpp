@@ -18,6 +18,7 @@
 namespace KX {
 namespace {
 
+using testing::args;
 using testing::BrokerTest;
 using testing::Calculator;
 using testing::errorOf;
@@ -28,13 +29,6 @@ constexpr char kStopDescription[] =
     "The method 'stop' has not been implement in your module. Module authors are encouraged "
     "to implement this method if they wish to allow long running methods to be stopped. "
     "Please see the documentation for further details.";
-
-KXValue args(std::initializer_list<KXValue> values) {
-  KXValue array;
-  array.arraySetSize(0);
-  for (const auto& value : values) array.arrayPush(value);
-  return array;
-}
 
 long long millisecondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -

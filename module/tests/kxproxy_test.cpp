@@ -15,18 +15,12 @@
 namespace KX {
 namespace {
 
+using testing::args;
 using testing::BrokerTest;
 using testing::Calculator;
 using testing::errorOf;
 using testing::errorText;
 using testing::GenericCalculator;
-
-KXValue args(std::initializer_list<KXValue> values) {
-  KXValue array;
-  array.arraySetSize(0);
-  for (const auto& value : values) array.arrayPush(value);
-  return array;
-}
 
 class ProxyTest : public BrokerTest {
  protected:

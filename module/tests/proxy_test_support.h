@@ -21,6 +21,7 @@
 #include "thread/tests/thread_test_support.h"
 #include "value/kxerror.h"
 #include "value/kxvalue.h"
+#include "value/tests/value_test_util.h"
 
 namespace KX {
 namespace testing {
@@ -31,14 +32,16 @@ inline std::string errorText(const std::string& module, const std::string& metho
   return "\t" + module + "::" + method + "\n\t" + description;
 }
 
-// Runs `body` and returns the text of the KXError it throws ("" when it throws none).
-inline std::string errorOf(const std::function<void()>& body) {
-  try {
-    body();
-  } catch (const KXError& error) {
-    return error.what();
-  }
-  return "";
+using testing_util::errorText;
+// Runs `body` and returns the text of the KXError it throws.
+inline std::string errorOf(const std::function<void()>& body) { return errorText(body); }
+
+// An Array of the given values: args({1, "x"}).
+inline KXValue args(std::initializer_list<KXValue> values) {
+  KXValue array;
+  array.arraySetSize(0);
+  for (const auto& value : values) array.arrayPush(value);
+  return array;
 }
 
 // Polls `condition` until it holds; false when it did not within the patience.

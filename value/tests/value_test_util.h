@@ -6,6 +6,7 @@
 #include <string>
 
 #include "value/kxerror.h"
+#include "value/kxvalue.h"
 
 namespace KX {
 namespace testing_util {
@@ -21,6 +22,15 @@ std::string errorText(Action&& action) {
   }
   ADD_FAILURE() << "expected a KXError";
   return "<no error>";
+}
+
+// An Array holding the given values, in order (an empty Array without any).
+template <typename... T>
+KXValue arrayOf(const T&... values) {
+  KXValue array;
+  array.arraySetSize(0);
+  (array.arrayPush(KXValue(values)), ...);
+  return array;
 }
 
 // The full text of a KXValue error.
