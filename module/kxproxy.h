@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -48,7 +49,7 @@ class KXProxy : public std::enable_shared_from_this<KXProxy> {
   // float or std::string; void results); C strings pass as std::string, anything else
   // does not compile.
   template <typename R, typename... A>
-  R call(const std::string& method, const A&... args);
+  R call(std::string_view method, const A&... args);
   // Typed parallel call (the arguments are checked as for call): returns the task id.
   template <typename... A>
   int pCall(const std::string& method, const A&... args);
@@ -78,7 +79,7 @@ class KXProxy : public std::enable_shared_from_this<KXProxy> {
 
   // Typed calls once string literals and C strings have become std::string.
   template <typename R, typename... A>
-  R callTyped(const std::string& method, const A&... args);
+  R callTyped(std::string_view method, const A&... args);
   template <typename... A>
   int pCallTyped(const std::string& method, const A&... args);
 

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -94,13 +95,13 @@ template <typename Typed>
 struct TypedCallMemo {
   // Whether the remembered method is `method` of `core` and still bound; `typed` is then
   // its typed functor (null for a functor of another kind).
-  bool find(const std::shared_ptr<KXModuleCore>& core, const std::string& method) const {
+  bool find(const std::shared_ptr<KXModuleCore>& core, std::string_view method) const {
     // Same control block as the live `core`: the very same module, still alive.
     return !module.owner_before(core) && !core.owner_before(module) &&
            version == core->getMethodTableVersion() && method == methodName;
   }
 
-  void remember(const std::shared_ptr<KXModuleCore>& core, const std::string& method,
+  void remember(const std::shared_ptr<KXModuleCore>& core, std::string_view method,
                 std::uint64_t tableVersion, Typed* functor) {
     module = core;
     methodName = method;
@@ -117,7 +118,7 @@ struct TypedCallMemo {
 }  // namespace detail
 
 template <typename R, typename... A>
-R KXProxy::call(const std::string& method, const A&... args) {
+R KXProxy::call(std::string_view method, const A&... args) {
   static_assert(detail::isTypedCallResult<R>,
                 "KXProxy::call: the result type must be void, bool, int, float, std::string, "
                 "KXValue or a std::vector of int, float or std::string");
@@ -136,9 +137,9 @@ int KXProxy::pCall(const std::string& method, const A&... args) {
 }
 
 template <typename R, typename... A>
-R KXProxy::callTyped(const std::string& method, const A&... args) {
+R KXProxy::callTyped(std::string_view method, const A&... args) {
   if (!isLocal()) {
-    KXValue result = remoteCall(method, detail::packArguments(args...));
+    KXValue result = remoteCall(std::string(method), detail::packArguments(args...));
     if constexpr (std::is_void_v<R>) {
       return;
     } else {
@@ -157,8 +158,9 @@ R KXProxy::callTyped(const std::string& method, const A&... args) {
     if (!memo.find(core, method)) {
       // Read before the lookup: a bind racing with it only makes the memo miss later.
       const std::uint64_t version = core->getMethodTableVersion();
-      const std::shared_ptr<const KXMethodInfo> info = typedMethod(
-          *core, method, detail::argTypeNames<A...>(), sizeof...(A), detail::typeNameOf<R>());
+      const std::shared_ptr<const KXMethodInfo> info =
+          typedMethod(*core, std::string(method), detail::argTypeNames<A...>(), sizeof...(A),
+                      detail::typeNameOf<R>());
       // The signature matched; a functor of another kind (not a bound member function)
       // still takes the generic path below.
       typed = dynamic_cast<Typed*>(info->functor.get());
@@ -179,7 +181,8 @@ R KXProxy::callTyped(const std::string& method, const A&... args) {
     }
   }
 
-  KXValue result = localGenericCall(*core, method, detail::packArguments(args...));
+  KXValue result =
+      localGenericCall(*core, std::string(method), detail::packArguments(args...));
   if constexpr (!std::is_void_v<R>) {
     // An exiting module leaves the result Invalid: there is no value to give back.
     if (!result.isValid() && core->isExiting()) throwModuleDeleted();
