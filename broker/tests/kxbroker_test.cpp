@@ -93,14 +93,14 @@ TEST_F(BrokerTest, ModulesUnregisterThemselvesDuringShutdown) {
 }
 
 TEST_F(BrokerTest, ShutdownReleasesModulesWhoseExitKeepsThemRegistered) {
-  std::weak_ptr<OddExit> stubborn;
+  std::weak_ptr<OddExit> lingering;
   {
-    auto module = createModule<OddExit>(broker_, "Stubborn", [] {});
-    stubborn = module;
+    auto module = createModule<OddExit>(broker_, "Lingering", [] {});
+    lingering = module;
   }
-  ASSERT_FALSE(stubborn.expired());
+  ASSERT_FALSE(lingering.expired());
   broker_->shutdown();
-  EXPECT_TRUE(stubborn.expired());
+  EXPECT_TRUE(lingering.expired());
 }
 
 TEST_F(BrokerTest, ErrorsInExitAreLoggedAndShutdownGoesOn) {
