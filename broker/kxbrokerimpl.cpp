@@ -194,9 +194,12 @@ void KXBrokerImpl::registerModule(const std::string& name,
     previous->exit();
   }
 
-  KXScopedWriteLock guard(moduleLock_);
-  modules_[name] = module;
-  module->setRegistrationIndex(++registrationCounter_);
+  {
+    KXScopedWriteLock guard(moduleLock_);
+    modules_[name] = module;
+    module->setRegistrationIndex(++registrationCounter_);
+  }
+  forgetProxy(name);
 }
 
 void KXBrokerImpl::unregisterModule(const std::string& name, const KXModuleCore* module) {
@@ -210,7 +213,17 @@ void KXBrokerImpl::unregisterModule(const std::string& name, const KXModuleCore*
     removed = std::move(found->second);
     modules_.erase(found);
   }
+  forgetProxy(name);
   // `removed` may be the last owner: the module is destroyed here, outside the lock.
+}
+
+void KXBrokerImpl::forgetProxy(const std::string& name) {
+  std::shared_ptr<KXProxy> stale;
+  KXScopedWriteLock guard(proxyLock_);
+  auto found = proxies_.find(name);
+  if (found == proxies_.end()) return;
+  stale = std::move(found->second);
+  proxies_.erase(found);
 }
 
 std::shared_ptr<KXModuleCore> KXBrokerImpl::getModuleCore(const std::string& name) const {

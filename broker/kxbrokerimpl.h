@@ -78,6 +78,9 @@ class KXBrokerImpl {
   std::shared_ptr<KXTaskMonitor> getTaskMonitor() const;
 
  private:
+  // Drops the shared proxy to `name`: it points at a module that has left (or been
+  // replaced), and the next getProxy builds one to whatever is registered then.
+  void forgetProxy(const std::string& name);
   // The module's description as a search returns it: this broker's address.
   KXModuleInfo describeLocalModule(const std::string& name) const;
   // Looks up the module and method for methodCall/post; throws their "not found" errors

@@ -1,5 +1,6 @@
 #include "module/kxmodulecore.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <map>
@@ -38,7 +39,10 @@ bool typeMatches(const std::string& parameter, const std::string& argument, bool
 }
 
 bool parametersMatch(const KXMethodInfo& info, const std::vector<std::string>& types, bool lax) {
-  if (info.parameters.size() != types.size()) return false;
+  const auto required = static_cast<std::size_t>(
+      std::count_if(info.parameters.begin(), info.parameters.end(),
+                    [](const ParameterInfo& parameter) { return !parameter.optional; }));
+  if (types.size() < required || types.size() > info.parameters.size()) return false;
   for (std::size_t i = 0; i < types.size(); ++i) {
     if (!typeMatches(info.parameters[i].type, types[i], lax)) return false;
   }
@@ -213,6 +217,16 @@ void KXModuleCore::addParam(const std::string& name, const std::string& descript
   impl_->current.parameters.push_back(std::move(parameter));
 }
 
+void KXModuleCore::addParam(const std::string& name, const std::string& description,
+                            bool optional) {
+  KXScopedLock lock(impl_->describeMutex);
+  ParameterInfo parameter;
+  parameter.name = name;
+  parameter.description = description;
+  parameter.optional = optional;
+  impl_->current.parameters.push_back(std::move(parameter));
+}
+
 void KXModuleCore::setReturn(const std::string& name, const std::string& description) {
   KXScopedLock lock(impl_->describeMutex);
   impl_->current.returnValue.name = name;
@@ -242,6 +256,13 @@ void KXModuleCore::bindMethod(const std::shared_ptr<KXFunctorBase>& functor) {
   entry = std::move(info);
   impl_->tableVersion.fetch_add(1);
   impl_->current.reset();
+}
+
+void KXModuleCore::bindMethod(const std::shared_ptr<KXFunctorBase>& functor,
+                              const std::vector<std::string>& parameterTypes,
+                              const std::string& returnType) {
+  setSignatureTypes(parameterTypes, returnType);
+  bindMethod(functor);
 }
 
 void KXModuleCore::setModuleDescription(const std::string& text) {

@@ -87,6 +87,11 @@ class KXModuleCore : public std::enable_shared_from_this<KXModuleCore> {
   void functionName(const std::string& name, const std::string& className,
                     const std::string& description, std::uint16_t mask = 0);
   void addParam(const std::string& name, const std::string& description);
+  // As above; `optional` marks a parameter that callers may leave out. Optional
+  // parameters normally come last: a lookup by signature then accepts any argument count
+  // from the number of required parameters up to the total, and the functor (one of its
+  // own, see bindMethod below) decides from the count which form was called.
+  void addParam(const std::string& name, const std::string& description, bool optional);
   void setReturn(const std::string& name, const std::string& description);
   // Fills the parameter and result types from the member function's signature, makes
   // the functor over this object and binds it.
@@ -100,6 +105,11 @@ class KXModuleCore : public std::enable_shared_from_this<KXModuleCore> {
   // Appends the method name to the method list and stores the current description with
   // `functor` in the table under its name (replacing an earlier method of that name).
   void bindMethod(const std::shared_ptr<KXFunctorBase>& functor);
+  // Binds a functor of another kind (one that is no bound member function) with the
+  // parameter and result types it declares, as typeName() spells them ("string",
+  // "array", "void *", ...): lookups by signature and typed calls check these.
+  void bindMethod(const std::shared_ptr<KXFunctorBase>& functor,
+                  const std::vector<std::string>& parameterTypes, const std::string& returnType);
   void setModuleDescription(const std::string& text);
 
   // ---- Queries
@@ -126,8 +136,10 @@ class KXModuleCore : public std::enable_shared_from_this<KXModuleCore> {
   std::shared_ptr<const KXMethodInfo> findMethod(const std::string& name);
   // The first entry named `name` whose parameter types match `types` (exactly, or with
   // `lax` also where either side is "array" or the parameter is "float" and the argument
-  // "int"). Throws "Function exists but parameters were wrong. ..." when the name exists
-  // with other parameters, and the findMethod error when it does not exist.
+  // "int"). With optional parameters, any count from the required ones up to the total
+  // matches, position by position for the arguments given. Throws "Function exists but parameters
+  // were wrong. ..." when the name exists with other parameters, and the findMethod error when it
+  // does not exist.
   std::shared_ptr<const KXMethodInfo> findMethod(const std::string& name,
                                                  const std::vector<std::string>& types, bool lax);
 

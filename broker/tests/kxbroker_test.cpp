@@ -470,6 +470,21 @@ TEST_F(BrokerTest, GetProxyReturnsTheSameProxyEveryTime) {
   EXPECT_TRUE(first->isLocal());
 }
 
+TEST_F(BrokerTest, SharedProxyFollowsAModuleReplacedUnderItsName) {
+  auto original = createModule<Calculator>(broker_, "Calc");
+  auto before = broker_->getProxy("Calc");
+  auto replacement = createModule<Calculator>(broker_, "Calc");
+  auto after = broker_->getProxy("Calc");
+  EXPECT_NE(before, after);
+  after->call<void>("note", std::string("to the new one"));
+  EXPECT_EQ(replacement->notes(), std::vector<std::string>{"to the new one"});
+  EXPECT_TRUE(original->notes().empty());
+
+  replacement->exit();
+  EXPECT_EQ(errorText([&] { broker_->getProxy("Calc"); }),
+            "\tKXProxy::constructor\n\tModule 'Calc' not found.");
+}
+
 TEST_F(BrokerTest, ConcurrentProxyRequestsSettleOnOneProxy) {
   createModule<Calculator>(broker_, "Calc");
   constexpr int kThreads = 8;

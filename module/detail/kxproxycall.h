@@ -181,8 +181,7 @@ R KXProxy::callTyped(std::string_view method, const A&... args) {
     }
   }
 
-  KXValue result =
-      localGenericCall(*core, std::string(method), detail::packArguments(args...));
+  KXValue result = localGenericCall(*core, std::string(method), detail::packArguments(args...));
   if constexpr (!std::is_void_v<R>) {
     // An exiting module leaves the result Invalid: there is no value to give back.
     if (!result.isValid() && core->isExiting()) throwModuleDeleted();
