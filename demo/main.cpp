@@ -1,9 +1,13 @@
-// Shows the value type and the log facility: builds a few values, prints their
-// compact text form and their debug dumps, parses text back, and logs a line.
+// Shows what the framework offers so far: values and their text forms, the log facility,
+// and a broker hosting the memory module, reached through a proxy.
 #include <cstdio>
 #include <string>
+#include <vector>
 
+#include "broker/kxbroker.h"
 #include "log/log.h"
+#include "memory/kxstandardmodules.h"
+#include "module/kxproxy.h"
 #include "value/kxerror.h"
 #include "value/kxvalue.h"
 
@@ -51,5 +55,18 @@ int main() {
 
   tu::log::log(tu::log::info, "demo", "Velmo values and logging are ready.\n", __FILE__, "main",
                __LINE__);
+
+  // A broker of this process, with the modules every root broker hosts.
+  auto broker = KX::KXBroker::createBroker("demo", "127.0.0.1", 0, "", 0, KX::KXBroker::kKeepAlive);
+  KX::addStandardModules(broker);
+  KX::KXProxy memory(broker, "KXMemory");
+  memory.call<void>("insertData", "robot/name", KXValue("Velmo"));
+  const KXValue name = memory.call<KXValue>("getData", "robot/name");
+  std::printf("\nKXMemory holds robot/name = %s\nIts methods:", name.toString(1).c_str());
+  for (const std::string& method : memory.call<std::vector<std::string>>("getMethodList")) {
+    std::printf(" %s", method.c_str());
+  }
+  std::printf("\n\n");
+  broker->shutdown();
   return 0;
 }
