@@ -1,7 +1,7 @@
 #ifndef VELMO_NETWORK_KXBROKERSOAP_H_
 #define VELMO_NETWORK_KXBROKERSOAP_H_
 
-// The broker protocol on gSOAP: the generated stubs (soap_call_kxbroker__<op>,
+// The broker protocol on gSOAP: the generated client calls (soap_call_kxbroker__<op>,
 // soap_send_kxbroker__<op> for the one-way operations), the skeleton that serves
 // them, and the bridge from the skeleton to a handler object of ours.
 //

@@ -28,7 +28,7 @@ constexpr const char* kEnvelopeStart =
     "xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\" xmlns:kxbroker=\"urn:kxbroker\" "
     "xmlns:kx=\"urn:korvane\">";
 
-// Writes one message body into memory, the way the generated stubs and skeleton frame it.
+// Writes one message body into memory, the way the generated client calls and skeleton frame it.
 std::string messageOf(KXSoapContext& context, const std::function<int(struct soap*)>& putBody) {
   std::ostringstream out;
   struct soap* soap = context.get();
