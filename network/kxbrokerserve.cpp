@@ -1,0 +1,507 @@
+#include "network/kxbrokerserve.h"
+
+#include <algorithm>
+#include <exception>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "kxsoapH.h"
+#include "network/kxbrokersoap.h"
+#include "network/kxvaluesoap.h"
+
+namespace KX {
+namespace {
+
+constexpr const char* kModule = "KXNetwork";
+constexpr const char* kMethod = "serveBrokerConnection";
+constexpr const char* kAttachmentType = "application/octet-stream";
+constexpr const char* kAttachmentId = "image";
+
+// The SOAP envelope of the request received: the whole HTTP body, or the primary record of
+// a DIME message (the attachments stay with the runtime, which reads them at the end of
+// the message). Reads at most one byte more than a request may hold, so that the reader
+// refuses an oversized message without us buffering all of it.
+bool readEnvelope(struct soap* soap, std::string& envelope) {
+  const std::size_t limit = kBrokerMessageMaxBytes + 1;
+  std::size_t expected = limit;  // a chunked body ends with its last chunk
+  if ((soap->mode & SOAP_ENC_DIME) != 0) {
+    expected = soap->dime.size;
+  } else if ((soap->mode & SOAP_IO) != SOAP_IO_CHUNK) {
+    expected = static_cast<std::size_t>(std::min<ULONG64>(soap->length, limit));
+  }
+  if (expected > limit) {
+    expected = limit;
+  }
+  envelope.clear();
+  // The runtime may have looked one character ahead while reading the HTTP header.
+  if (soap->ahead != 0 && expected > 0) {
+    envelope.push_back(static_cast<char>(soap->ahead));
+    soap->ahead = 0;
+  }
+  while (envelope.size() < expected) {
+    if (soap->bufidx >= soap->buflen) {
+      if (soap_recv(soap) != SOAP_OK) {
+        // Chunked or unframed bodies end here; a framed body cut short is a failure.
+        return expected == limit;
+      }
+      continue;
+    }
+    const std::size_t available = soap->buflen - soap->bufidx;
+    const std::size_t take = std::min(available, expected - envelope.size());
+    envelope.append(soap->buf + soap->bufidx, take);
+    soap->bufidx += take;
+  }
+  return true;
+}
+
+// Writes one message (a response or a fault) framed as the generated skeleton frames its
+// responses: counted first when the length must be known, then sent with its HTTP header.
+template <typename PutBody>
+int sendMessage(struct soap* soap, int status, const PutBody& putBody) {
+  if (soap_begin_count(soap) != SOAP_OK) {
+    return soap->error;
+  }
+  if ((soap->mode & SOAP_IO_LENGTH) != 0) {
+    if (soap_envelope_begin_out(soap) != SOAP_OK || soap_putheader(soap) != SOAP_OK ||
+        soap_body_begin_out(soap) != SOAP_OK || putBody() != SOAP_OK ||
+        soap_body_end_out(soap) != SOAP_OK || soap_envelope_end_out(soap) != SOAP_OK) {
+      return soap->error;
+    }
+  }
+  if (soap_end_count(soap) != SOAP_OK || soap_response(soap, status) != SOAP_OK ||
+      soap_envelope_begin_out(soap) != SOAP_OK || soap_putheader(soap) != SOAP_OK ||
+      soap_body_begin_out(soap) != SOAP_OK || putBody() != SOAP_OK ||
+      soap_body_end_out(soap) != SOAP_OK || soap_envelope_end_out(soap) != SOAP_OK ||
+      soap_end_send(soap) != SOAP_OK) {
+    return soap->error;
+  }
+  return SOAP_OK;
+}
+
+template <typename Response>
+int sendResponse(struct soap* soap, const Response& response, const char* tag,
+                 void (*serialize)(struct soap*, const Response*),
+                 int (*put)(struct soap*, const Response*, const char*, const char*)) {
+  soap->encodingStyle = "";  // SOAP encoding, as the skeleton answers
+  soap_serializeheader(soap);
+  serialize(soap, &response);
+  return sendMessage(soap, SOAP_OK, [&] { return put(soap, &response, tag, ""); });
+}
+
+// A Client fault that leaves the connection as the request left it: the runtime's own
+// fault sending would close it.
+int sendFault(struct soap* soap, const std::string& text, const std::string& detail) {
+  soap_sender_fault(soap, text.c_str(), detail.empty() ? nullptr : detail.c_str());
+  soap->error = SOAP_OK;
+  soap->encodingStyle = nullptr;
+  soap->header = nullptr;
+  soap_serializefault(soap);
+  return sendMessage(soap, SOAP_FAULT, [soap] { return soap_putfault(soap); });
+}
+
+// The index-th item of a handler's answer, null when the answer has fewer items. An item
+// of another type than the operation's is the handler's mistake and is refused.
+template <typename T>
+const T* itemOf(const BrokerResponse& response, std::size_t index) {
+  if (index >= response.items.size()) {
+    return nullptr;
+  }
+  const T* item = std::get_if<T>(&response.items[index]);
+  if (item == nullptr) {
+    KX_THROW(kModule, kMethod,
+             std::string("answer to ") + brokerOperationName(response.op) +
+                 " holds an item of the wrong type at position " + std::to_string(index));
+  }
+  return item;
+}
+
+char* textOf(struct soap* soap, const std::string* text) {
+  return soap_strdup(soap, text == nullptr ? "" : text->c_str());
+}
+
+char* valueOf(struct soap* soap, const KXValue* value) {
+  return value == nullptr ? nullptr : kxValueToSoap(soap, *value);
+}
+
+void recordOf(struct soap* soap, const KXModuleInfo* info, kx__KXModuleInfo& record) {
+  soap_default_kx__KXModuleInfo(soap, &record);
+  const KXModuleInfo empty;
+  const KXModuleInfo& source = info == nullptr ? empty : *info;
+  record.name = soap_strdup(soap, source.name.c_str());
+  record.architecture = source.architecture;
+  record.ip = soap_strdup(soap, source.ip.c_str());
+  record.port = source.port;
+  record.processId = source.processId;
+  record.modulePointer = 0;
+  record.isABroker = source.isABroker;
+  record.keepAlive = source.keepAlive;
+}
+
+int intOf(const int* value) { return value == nullptr ? 0 : *value; }
+
+// Every item of a list answer, as records allocated in the context.
+kx__KXModuleInfo* recordsOf(struct soap* soap, const BrokerResponse& response, int& size) {
+  size = static_cast<int>(response.items.size());
+  if (size == 0) {
+    return nullptr;
+  }
+  kx__KXModuleInfo* records = soap_new_kx__KXModuleInfo(soap, size);
+  for (int i = 0; i < size; ++i) {
+    recordOf(soap, itemOf<KXModuleInfo>(response, static_cast<std::size_t>(i)), records[i]);
+  }
+  return records;
+}
+
+// Queues the Binary leaves of a callVelmo result as DIME attachments, in walk order. The
+// bytes are referenced, not copied: `result` must live until the message is sent.
+int attachResultBinaries(struct soap* soap, const KXValue* result) {
+  if (result == nullptr) {
+    return SOAP_OK;
+  }
+  std::vector<const KXValue*> leaves;
+  collectBinaryLeaves(*result, leaves);
+  if (leaves.empty()) {
+    return SOAP_OK;
+  }
+  soap_set_dime(soap);
+  static const char kNoBytes[1] = {0};
+  for (const KXValue* leaf : leaves) {
+    const KXValue::TKXValueBinary& bytes = leaf->getBinary();
+    const char* data = bytes.empty() ? kNoBytes : reinterpret_cast<const char*>(bytes.data());
+    if (soap_set_dime_attachment(soap, data, bytes.size(), kAttachmentType, kAttachmentId, 0,
+                                 nullptr) != SOAP_OK) {
+      return soap->error;
+    }
+  }
+  return SOAP_OK;
+}
+
+// Gives the k-th Binary leaf of a callVelmo parameter the k-th attachment received; leaves
+// beyond the attachments keep the bytes of their XML form.
+void takeAttachments(struct soap* soap, KXValue& parameter) {
+  std::vector<KXValue*> leaves;
+  collectBinaryLeaves(parameter, leaves);
+  std::size_t k = 0;
+  for (const soap_multipart* part = soap->dime.list; part != nullptr && k < leaves.size();
+       part = part->next, ++k) {
+    leaves[k]->setBinary(part->ptr, part->size);
+  }
+}
+
+int sendAnswer(struct soap* soap, BrokerOperation op, const BrokerResponse& response) {
+  switch (op) {
+    case BrokerOperation::callVelmo: {
+      kxbroker__callVelmoResponse out;
+      soap_default_kxbroker__callVelmoResponse(soap, &out);
+      const KXValue* result = itemOf<KXValue>(response, 0);
+      out.kxbroker__return = valueOf(soap, result);
+      if (attachResultBinaries(soap, result) != SOAP_OK) {
+        return soap->error;
+      }
+      return sendResponse(soap, out, "kxbroker:callVelmoResponse",
+                          soap_serialize_kxbroker__callVelmoResponse,
+                          soap_put_kxbroker__callVelmoResponse);
+    }
+    case BrokerOperation::callVelmo2: {
+      kxbroker__callVelmo2Response out;
+      soap_default_kxbroker__callVelmo2Response(soap, &out);
+      out.kxbroker__return = valueOf(soap, itemOf<KXValue>(response, 0));
+      return sendResponse(soap, out, "kxbroker:callVelmo2Response",
+                          soap_serialize_kxbroker__callVelmo2Response,
+                          soap_put_kxbroker__callVelmo2Response);
+    }
+    case BrokerOperation::pCallVelmoN: {
+      kxbroker__pCallVelmoNResponse out;
+      soap_default_kxbroker__pCallVelmoNResponse(soap, &out);
+      out.kxbroker__return = valueOf(soap, itemOf<KXValue>(response, 0));
+      return sendResponse(soap, out, "kxbroker:pCallVelmoNResponse",
+                          soap_serialize_kxbroker__pCallVelmoNResponse,
+                          soap_put_kxbroker__pCallVelmoNResponse);
+    }
+    case BrokerOperation::getModuleByName: {
+      kxbroker__getModuleByNameResponse out;
+      soap_default_kxbroker__getModuleByNameResponse(soap, &out);
+      recordOf(soap, itemOf<KXModuleInfo>(response, 0), out.kxbroker__return);
+      return sendResponse(soap, out, "kxbroker:getModuleByNameResponse",
+                          soap_serialize_kxbroker__getModuleByNameResponse,
+                          soap_put_kxbroker__getModuleByNameResponse);
+    }
+    case BrokerOperation::exploreToGetModuleByName: {
+      kxbroker__exploreToGetModuleByNameResponse out;
+      soap_default_kxbroker__exploreToGetModuleByNameResponse(soap, &out);
+      recordOf(soap, itemOf<KXModuleInfo>(response, 0), out.kxbroker__return);
+      return sendResponse(soap, out, "kxbroker:exploreToGetModuleByNameResponse",
+                          soap_serialize_kxbroker__exploreToGetModuleByNameResponse,
+                          soap_put_kxbroker__exploreToGetModuleByNameResponse);
+    }
+    case BrokerOperation::getModuleList: {
+      kxbroker__getModuleListResponse out;
+      soap_default_kxbroker__getModuleListResponse(soap, &out);
+      out.kxbroker__return = recordsOf(soap, response, out.__size);
+      return sendResponse(soap, out, "kxbroker:getModuleListResponse",
+                          soap_serialize_kxbroker__getModuleListResponse,
+                          soap_put_kxbroker__getModuleListResponse);
+    }
+    case BrokerOperation::getGlobalModuleList: {
+      kxbroker__getGlobalModuleListResponse out;
+      soap_default_kxbroker__getGlobalModuleListResponse(soap, &out);
+      out.kxbroker__return = recordsOf(soap, response, out.__size);
+      return sendResponse(soap, out, "kxbroker:getGlobalModuleListResponse",
+                          soap_serialize_kxbroker__getGlobalModuleListResponse,
+                          soap_put_kxbroker__getGlobalModuleListResponse);
+    }
+    case BrokerOperation::getBrokerList: {
+      kxbroker__getBrokerListResponse out;
+      soap_default_kxbroker__getBrokerListResponse(soap, &out);
+      out.kxbroker__return = recordsOf(soap, response, out.__size);
+      return sendResponse(soap, out, "kxbroker:getBrokerListResponse",
+                          soap_serialize_kxbroker__getBrokerListResponse,
+                          soap_put_kxbroker__getBrokerListResponse);
+    }
+    case BrokerOperation::registerBroker: {
+      kxbroker__registerBrokerResponse out;
+      soap_default_kxbroker__registerBrokerResponse(soap, &out);
+      out.kxbroker__unused = intOf(itemOf<int>(response, 0));
+      return sendResponse(soap, out, "kxbroker:registerBrokerResponse",
+                          soap_serialize_kxbroker__registerBrokerResponse,
+                          soap_put_kxbroker__registerBrokerResponse);
+    }
+    case BrokerOperation::unregisterBroker: {
+      kxbroker__unregisterBrokerResponse out;
+      soap_default_kxbroker__unregisterBrokerResponse(soap, &out);
+      out.kxbroker__unused = intOf(itemOf<int>(response, 0));
+      return sendResponse(soap, out, "kxbroker:unregisterBrokerResponse",
+                          soap_serialize_kxbroker__unregisterBrokerResponse,
+                          soap_put_kxbroker__unregisterBrokerResponse);
+    }
+    case BrokerOperation::getBrokerInfo: {
+      kxbroker__getBrokerInfoResponse out;
+      soap_default_kxbroker__getBrokerInfoResponse(soap, &out);
+      recordOf(soap, itemOf<KXModuleInfo>(response, 0), out.kxbroker__return);
+      return sendResponse(soap, out, "kxbroker:getBrokerInfoResponse",
+                          soap_serialize_kxbroker__getBrokerInfoResponse,
+                          soap_put_kxbroker__getBrokerInfoResponse);
+    }
+    case BrokerOperation::getMethodList: {
+      kxbroker__getMethodListResponse out;
+      soap_default_kxbroker__getMethodListResponse(soap, &out);
+      out.__size = static_cast<int>(response.items.size());
+      if (out.__size > 0) {
+        out.kxbroker__pMethodListName =
+            static_cast<char**>(soap_malloc(soap, sizeof(char*) * response.items.size()));
+        if (out.kxbroker__pMethodListName == nullptr) {
+          return soap->error = SOAP_EOM;
+        }
+        for (std::size_t i = 0; i < response.items.size(); ++i) {
+          out.kxbroker__pMethodListName[i] = textOf(soap, itemOf<std::string>(response, i));
+        }
+      }
+      return sendResponse(soap, out, "kxbroker:getMethodListResponse",
+                          soap_serialize_kxbroker__getMethodListResponse,
+                          soap_put_kxbroker__getMethodListResponse);
+    }
+    case BrokerOperation::init: {
+      kxbroker__initResponse out;
+      soap_default_kxbroker__initResponse(soap, &out);
+      const int* unused = itemOf<int>(response, 0);
+      if (unused != nullptr) {
+        out.kxbroker__unused = static_cast<int*>(soap_malloc(soap, sizeof(int)));
+        if (out.kxbroker__unused == nullptr) {
+          return soap->error = SOAP_EOM;
+        }
+        *out.kxbroker__unused = *unused;
+      }
+      return sendResponse(soap, out, "kxbroker:initResponse", soap_serialize_kxbroker__initResponse,
+                          soap_put_kxbroker__initResponse);
+    }
+    case BrokerOperation::version: {
+      kxbroker__versionResponse out;
+      soap_default_kxbroker__versionResponse(soap, &out);
+      out.kxbroker__pVersion = textOf(soap, itemOf<std::string>(response, 0));
+      return sendResponse(soap, out, "kxbroker:versionResponse",
+                          soap_serialize_kxbroker__versionResponse,
+                          soap_put_kxbroker__versionResponse);
+    }
+    case BrokerOperation::sendBackIP: {
+      kxbroker__sendBackIPResponse out;
+      soap_default_kxbroker__sendBackIPResponse(soap, &out);
+      out.kxbroker__pIP = textOf(soap, itemOf<std::string>(response, 0));
+      return sendResponse(soap, out, "kxbroker:sendBackIPResponse",
+                          soap_serialize_kxbroker__sendBackIPResponse,
+                          soap_put_kxbroker__sendBackIPResponse);
+    }
+    case BrokerOperation::getBrokerName: {
+      kxbroker__getBrokerNameResponse out;
+      soap_default_kxbroker__getBrokerNameResponse(soap, &out);
+      out.kxbroker__pBrokerName = textOf(soap, itemOf<std::string>(response, 0));
+      return sendResponse(soap, out, "kxbroker:getBrokerNameResponse",
+                          soap_serialize_kxbroker__getBrokerNameResponse,
+                          soap_put_kxbroker__getBrokerNameResponse);
+    }
+    case BrokerOperation::getInfo: {
+      // Answered by the record itself, without a Response wrapper.
+      kx__KXModuleInfo out;
+      recordOf(soap, itemOf<KXModuleInfo>(response, 0), out);
+      return sendResponse(soap, out, "kx:KXModuleInfo", soap_serialize_kx__KXModuleInfo,
+                          soap_put_kx__KXModuleInfo);
+    }
+    case BrokerOperation::stopTask: {
+      kxbroker__stopTaskResponse out;
+      soap_default_kxbroker__stopTaskResponse(soap, &out);
+      out.kxbroker__num = intOf(itemOf<int>(response, 0));
+      return sendResponse(soap, out, "kxbroker:stopTaskResponse",
+                          soap_serialize_kxbroker__stopTaskResponse,
+                          soap_put_kxbroker__stopTaskResponse);
+    }
+    case BrokerOperation::stopTaskName: {
+      kxbroker__stopTaskNameResponse out;
+      soap_default_kxbroker__stopTaskNameResponse(soap, &out);
+      out.kxbroker__num = intOf(itemOf<int>(response, 0));
+      return sendResponse(soap, out, "kxbroker:stopTaskNameResponse",
+                          soap_serialize_kxbroker__stopTaskNameResponse,
+                          soap_put_kxbroker__stopTaskNameResponse);
+    }
+    case BrokerOperation::getDebugTaskList: {
+      kxbroker__getDebugTaskListResponse out;
+      soap_default_kxbroker__getDebugTaskListResponse(soap, &out);
+      out.kxbroker__return = valueOf(soap, itemOf<KXValue>(response, 0));
+      return sendResponse(soap, out, "kxbroker:getDebugTaskListResponse",
+                          soap_serialize_kxbroker__getDebugTaskListResponse,
+                          soap_put_kxbroker__getDebugTaskListResponse);
+    }
+    case BrokerOperation::pCallVelmo:
+    case BrokerOperation::unregisterModuleReference:
+    case BrokerOperation::exit:
+      return SOAP_OK;
+  }
+  return SOAP_OK;
+}
+
+// The module that a failing callVelmo or callVelmo2 names in its fault's detail.
+std::string faultDetailOf(const BrokerRequest& request) {
+  if ((request.op == BrokerOperation::callVelmo || request.op == BrokerOperation::callVelmo2) &&
+      !request.args.empty()) {
+    if (const auto* mod = std::get_if<std::string>(&request.args[0])) {
+      return *mod;
+    }
+  }
+  return std::string();
+}
+
+// Serves one request whose HTTP header has been read. Returns SOAP_OK when the connection
+// can carry the next request, else the runtime's error code.
+int serveRequest(struct soap* soap, const BrokerRequestHandler& handler) {
+  // Requests come as HTTP POSTs framed by a length, chunks or DIME records; anything else
+  // (bytes that are no HTTP at all, say) has no end that we could wait for.
+  if (soap->status != SOAP_POST) {
+    return soap->error = SOAP_HTTP_ERROR;
+  }
+  std::string envelope;
+  const bool complete = readEnvelope(soap, envelope);
+  if (!complete || soap_end_recv(soap) != SOAP_OK) {
+    return soap->error != SOAP_OK ? soap->error : (soap->error = SOAP_EOF);
+  }
+  // The answer is SOAP 1.1 whatever the request claimed; the reader has checked it.
+  soap_set_version(soap, 1);
+
+  BrokerRequest request;
+  try {
+    request = parseBrokerRequest(envelope);
+  } catch (const KXBrokerMessageError& error) {
+    // The rest of an oversized message was never read: the connection cannot go on.
+    if (envelope.size() > kBrokerMessageMaxBytes) {
+      soap->keep_alive = 0;
+    }
+    return sendFault(soap, error.faultString(), std::string());
+  }
+  envelope.clear();
+  envelope.shrink_to_fit();
+
+  const BrokerOperation op = request.op;
+  const std::string detail = faultDetailOf(request);
+  BrokerResponse response;
+  try {
+    if (op == BrokerOperation::callVelmo && soap->dime.list != nullptr && request.args.size() > 2) {
+      if (auto* parameter = std::get_if<KXValue>(&request.args[2])) {
+        takeAttachments(soap, *parameter);
+      }
+    }
+    response = handler(request);
+  } catch (const KXError& error) {
+    return brokerOperationIsOneWay(op) ? SOAP_OK
+                                       : sendFault(soap, kxErrorDescription(error), detail);
+  } catch (const std::exception& error) {
+    return brokerOperationIsOneWay(op) ? SOAP_OK : sendFault(soap, error.what(), std::string());
+  }
+  if (brokerOperationIsOneWay(op)) {
+    return SOAP_OK;
+  }
+  if (response.fault) {
+    return sendFault(soap, response.fault->string, response.fault->detail);
+  }
+  response.op = op;
+  try {
+    return sendAnswer(soap, op, response);
+  } catch (const KXError& error) {
+    // Nothing has been sent yet when an answer cannot be built: the fault takes its place.
+    soap_clr_dime(soap);
+    return sendFault(soap, kxErrorDescription(error), std::string());
+  }
+}
+
+}  // namespace
+
+std::string kxErrorDescription(const KXError& error) {
+  const std::string text = error.what();
+  const std::size_t separator = text.find("\n\t");
+  return separator == std::string::npos ? text : text.substr(separator + 2);
+}
+
+int serveBrokerConnection(struct soap* soap, const BrokerRequestHandler& handler) {
+  // Counted down as the generated skeleton does: max_keep_alive requests, 0 for no limit.
+  soap->keep_alive = soap->max_keep_alive + 1;
+  do {
+    if (soap->keep_alive > 0 && soap->max_keep_alive > 0) {
+      --soap->keep_alive;
+    }
+    soap->error = SOAP_OK;
+    if (soap_begin_recv(soap) != SOAP_OK) {
+      const int error = soap->error;
+      if (error >= SOAP_STOP) {
+        // Handled by an HTTP callback (GET, PUT, ...): the connection goes on.
+        soap_destroy(soap);
+        soap_end(soap);
+        continue;
+      }
+      // A peer that closes between requests ends the connection normally; anything else
+      // is answered as the runtime answers bad HTTP, which closes the connection.
+      if (error == SOAP_EOF) {
+        soap->keep_alive = 0;
+        soap_closesock(soap);
+        soap_destroy(soap);
+        soap_end(soap);
+        return SOAP_OK;
+      }
+      soap_set_version(soap, 1);
+      soap_send_fault(soap);
+      soap_destroy(soap);
+      soap_end(soap);
+      return error;
+    }
+    const int result = serveRequest(soap, handler);
+    soap_clr_dime(soap);
+    soap_destroy(soap);
+    soap_end(soap);
+    if (result != SOAP_OK) {
+      soap->keep_alive = 0;
+      soap_closesock(soap);
+      return result;
+    }
+  } while (soap->keep_alive != 0);
+  soap_closesock(soap);
+  return SOAP_OK;
+}
+
+}  // namespace KX
