@@ -1,17 +1,10 @@
 #include "network/kxbrokersoap.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
-#include <atomic>
-#include <cstring>
 #include <functional>
-#include <mutex>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "network/kxsoapcontext.h"
