@@ -190,103 +190,78 @@ void takeAttachments(struct soap* soap, KXValue& parameter) {
   }
 }
 
+// soapcpp2 names a response after its operation: the type kxbroker__<op>Response and its
+// soap_default_/soap_serialize_/soap_put_ functions. These two build one and send it.
+#define KX_NEW_RESPONSE(op, out) \
+  kxbroker__##op##Response out;  \
+  soap_default_kxbroker__##op##Response(soap, &(out))
+#define KX_SEND_RESPONSE(op, out)                                                              \
+  sendResponse(soap, out, "kxbroker:" #op "Response", soap_serialize_kxbroker__##op##Response, \
+               soap_put_kxbroker__##op##Response)
+
 int sendAnswer(struct soap* soap, BrokerOperation op, const BrokerResponse& response) {
   switch (op) {
     case BrokerOperation::callVelmo: {
-      kxbroker__callVelmoResponse out;
-      soap_default_kxbroker__callVelmoResponse(soap, &out);
+      KX_NEW_RESPONSE(callVelmo, out);
       const KXValue* result = itemOf<KXValue>(response, 0);
       out.kxbroker__return = valueOf(soap, result);
       if (attachResultBinaries(soap, result) != SOAP_OK) {
         return soap->error;
       }
-      return sendResponse(soap, out, "kxbroker:callVelmoResponse",
-                          soap_serialize_kxbroker__callVelmoResponse,
-                          soap_put_kxbroker__callVelmoResponse);
+      return KX_SEND_RESPONSE(callVelmo, out);
     }
     case BrokerOperation::callVelmo2: {
-      kxbroker__callVelmo2Response out;
-      soap_default_kxbroker__callVelmo2Response(soap, &out);
+      KX_NEW_RESPONSE(callVelmo2, out);
       out.kxbroker__return = valueOf(soap, itemOf<KXValue>(response, 0));
-      return sendResponse(soap, out, "kxbroker:callVelmo2Response",
-                          soap_serialize_kxbroker__callVelmo2Response,
-                          soap_put_kxbroker__callVelmo2Response);
+      return KX_SEND_RESPONSE(callVelmo2, out);
     }
     case BrokerOperation::pCallVelmoN: {
-      kxbroker__pCallVelmoNResponse out;
-      soap_default_kxbroker__pCallVelmoNResponse(soap, &out);
+      KX_NEW_RESPONSE(pCallVelmoN, out);
       out.kxbroker__return = valueOf(soap, itemOf<KXValue>(response, 0));
-      return sendResponse(soap, out, "kxbroker:pCallVelmoNResponse",
-                          soap_serialize_kxbroker__pCallVelmoNResponse,
-                          soap_put_kxbroker__pCallVelmoNResponse);
+      return KX_SEND_RESPONSE(pCallVelmoN, out);
     }
     case BrokerOperation::getModuleByName: {
-      kxbroker__getModuleByNameResponse out;
-      soap_default_kxbroker__getModuleByNameResponse(soap, &out);
+      KX_NEW_RESPONSE(getModuleByName, out);
       recordOf(soap, itemOf<KXModuleInfo>(response, 0), out.kxbroker__return);
-      return sendResponse(soap, out, "kxbroker:getModuleByNameResponse",
-                          soap_serialize_kxbroker__getModuleByNameResponse,
-                          soap_put_kxbroker__getModuleByNameResponse);
+      return KX_SEND_RESPONSE(getModuleByName, out);
     }
     case BrokerOperation::exploreToGetModuleByName: {
-      kxbroker__exploreToGetModuleByNameResponse out;
-      soap_default_kxbroker__exploreToGetModuleByNameResponse(soap, &out);
+      KX_NEW_RESPONSE(exploreToGetModuleByName, out);
       recordOf(soap, itemOf<KXModuleInfo>(response, 0), out.kxbroker__return);
-      return sendResponse(soap, out, "kxbroker:exploreToGetModuleByNameResponse",
-                          soap_serialize_kxbroker__exploreToGetModuleByNameResponse,
-                          soap_put_kxbroker__exploreToGetModuleByNameResponse);
+      return KX_SEND_RESPONSE(exploreToGetModuleByName, out);
     }
     case BrokerOperation::getModuleList: {
-      kxbroker__getModuleListResponse out;
-      soap_default_kxbroker__getModuleListResponse(soap, &out);
+      KX_NEW_RESPONSE(getModuleList, out);
       out.kxbroker__return = recordsOf(soap, response, out.__size);
-      return sendResponse(soap, out, "kxbroker:getModuleListResponse",
-                          soap_serialize_kxbroker__getModuleListResponse,
-                          soap_put_kxbroker__getModuleListResponse);
+      return KX_SEND_RESPONSE(getModuleList, out);
     }
     case BrokerOperation::getGlobalModuleList: {
-      kxbroker__getGlobalModuleListResponse out;
-      soap_default_kxbroker__getGlobalModuleListResponse(soap, &out);
+      KX_NEW_RESPONSE(getGlobalModuleList, out);
       out.kxbroker__return = recordsOf(soap, response, out.__size);
-      return sendResponse(soap, out, "kxbroker:getGlobalModuleListResponse",
-                          soap_serialize_kxbroker__getGlobalModuleListResponse,
-                          soap_put_kxbroker__getGlobalModuleListResponse);
+      return KX_SEND_RESPONSE(getGlobalModuleList, out);
     }
     case BrokerOperation::getBrokerList: {
-      kxbroker__getBrokerListResponse out;
-      soap_default_kxbroker__getBrokerListResponse(soap, &out);
+      KX_NEW_RESPONSE(getBrokerList, out);
       out.kxbroker__return = recordsOf(soap, response, out.__size);
-      return sendResponse(soap, out, "kxbroker:getBrokerListResponse",
-                          soap_serialize_kxbroker__getBrokerListResponse,
-                          soap_put_kxbroker__getBrokerListResponse);
+      return KX_SEND_RESPONSE(getBrokerList, out);
     }
     case BrokerOperation::registerBroker: {
-      kxbroker__registerBrokerResponse out;
-      soap_default_kxbroker__registerBrokerResponse(soap, &out);
+      KX_NEW_RESPONSE(registerBroker, out);
       out.kxbroker__unused = intOf(itemOf<int>(response, 0));
-      return sendResponse(soap, out, "kxbroker:registerBrokerResponse",
-                          soap_serialize_kxbroker__registerBrokerResponse,
-                          soap_put_kxbroker__registerBrokerResponse);
+      return KX_SEND_RESPONSE(registerBroker, out);
     }
     case BrokerOperation::unregisterBroker: {
-      kxbroker__unregisterBrokerResponse out;
-      soap_default_kxbroker__unregisterBrokerResponse(soap, &out);
+      KX_NEW_RESPONSE(unregisterBroker, out);
       out.kxbroker__unused = intOf(itemOf<int>(response, 0));
-      return sendResponse(soap, out, "kxbroker:unregisterBrokerResponse",
-                          soap_serialize_kxbroker__unregisterBrokerResponse,
-                          soap_put_kxbroker__unregisterBrokerResponse);
+      return KX_SEND_RESPONSE(unregisterBroker, out);
     }
     case BrokerOperation::getBrokerInfo: {
-      kxbroker__getBrokerInfoResponse out;
-      soap_default_kxbroker__getBrokerInfoResponse(soap, &out);
+      KX_NEW_RESPONSE(getBrokerInfo, out);
       recordOf(soap, itemOf<KXModuleInfo>(response, 0), out.kxbroker__return);
-      return sendResponse(soap, out, "kxbroker:getBrokerInfoResponse",
-                          soap_serialize_kxbroker__getBrokerInfoResponse,
-                          soap_put_kxbroker__getBrokerInfoResponse);
+      return KX_SEND_RESPONSE(getBrokerInfo, out);
     }
     case BrokerOperation::getMethodList: {
-      kxbroker__getMethodListResponse out;
-      soap_default_kxbroker__getMethodListResponse(soap, &out);
+      KX_NEW_RESPONSE(getMethodList, out);
       out.__size = static_cast<int>(response.items.size());
       if (out.__size > 0) {
         out.kxbroker__pMethodListName =
@@ -298,13 +273,10 @@ int sendAnswer(struct soap* soap, BrokerOperation op, const BrokerResponse& resp
           out.kxbroker__pMethodListName[i] = textOf(soap, itemOf<std::string>(response, i));
         }
       }
-      return sendResponse(soap, out, "kxbroker:getMethodListResponse",
-                          soap_serialize_kxbroker__getMethodListResponse,
-                          soap_put_kxbroker__getMethodListResponse);
+      return KX_SEND_RESPONSE(getMethodList, out);
     }
     case BrokerOperation::init: {
-      kxbroker__initResponse out;
-      soap_default_kxbroker__initResponse(soap, &out);
+      KX_NEW_RESPONSE(init, out);
       const int* unused = itemOf<int>(response, 0);
       if (unused != nullptr) {
         out.kxbroker__unused = static_cast<int*>(soap_malloc(soap, sizeof(int)));
@@ -313,32 +285,22 @@ int sendAnswer(struct soap* soap, BrokerOperation op, const BrokerResponse& resp
         }
         *out.kxbroker__unused = *unused;
       }
-      return sendResponse(soap, out, "kxbroker:initResponse", soap_serialize_kxbroker__initResponse,
-                          soap_put_kxbroker__initResponse);
+      return KX_SEND_RESPONSE(init, out);
     }
     case BrokerOperation::version: {
-      kxbroker__versionResponse out;
-      soap_default_kxbroker__versionResponse(soap, &out);
+      KX_NEW_RESPONSE(version, out);
       out.kxbroker__pVersion = textOf(soap, itemOf<std::string>(response, 0));
-      return sendResponse(soap, out, "kxbroker:versionResponse",
-                          soap_serialize_kxbroker__versionResponse,
-                          soap_put_kxbroker__versionResponse);
+      return KX_SEND_RESPONSE(version, out);
     }
     case BrokerOperation::sendBackIP: {
-      kxbroker__sendBackIPResponse out;
-      soap_default_kxbroker__sendBackIPResponse(soap, &out);
+      KX_NEW_RESPONSE(sendBackIP, out);
       out.kxbroker__pIP = textOf(soap, itemOf<std::string>(response, 0));
-      return sendResponse(soap, out, "kxbroker:sendBackIPResponse",
-                          soap_serialize_kxbroker__sendBackIPResponse,
-                          soap_put_kxbroker__sendBackIPResponse);
+      return KX_SEND_RESPONSE(sendBackIP, out);
     }
     case BrokerOperation::getBrokerName: {
-      kxbroker__getBrokerNameResponse out;
-      soap_default_kxbroker__getBrokerNameResponse(soap, &out);
+      KX_NEW_RESPONSE(getBrokerName, out);
       out.kxbroker__pBrokerName = textOf(soap, itemOf<std::string>(response, 0));
-      return sendResponse(soap, out, "kxbroker:getBrokerNameResponse",
-                          soap_serialize_kxbroker__getBrokerNameResponse,
-                          soap_put_kxbroker__getBrokerNameResponse);
+      return KX_SEND_RESPONSE(getBrokerName, out);
     }
     case BrokerOperation::getInfo: {
       // Answered by the record itself, without a Response wrapper.
@@ -348,28 +310,19 @@ int sendAnswer(struct soap* soap, BrokerOperation op, const BrokerResponse& resp
                           soap_put_kx__KXModuleInfo);
     }
     case BrokerOperation::stopTask: {
-      kxbroker__stopTaskResponse out;
-      soap_default_kxbroker__stopTaskResponse(soap, &out);
+      KX_NEW_RESPONSE(stopTask, out);
       out.kxbroker__num = intOf(itemOf<int>(response, 0));
-      return sendResponse(soap, out, "kxbroker:stopTaskResponse",
-                          soap_serialize_kxbroker__stopTaskResponse,
-                          soap_put_kxbroker__stopTaskResponse);
+      return KX_SEND_RESPONSE(stopTask, out);
     }
     case BrokerOperation::stopTaskName: {
-      kxbroker__stopTaskNameResponse out;
-      soap_default_kxbroker__stopTaskNameResponse(soap, &out);
+      KX_NEW_RESPONSE(stopTaskName, out);
       out.kxbroker__num = intOf(itemOf<int>(response, 0));
-      return sendResponse(soap, out, "kxbroker:stopTaskNameResponse",
-                          soap_serialize_kxbroker__stopTaskNameResponse,
-                          soap_put_kxbroker__stopTaskNameResponse);
+      return KX_SEND_RESPONSE(stopTaskName, out);
     }
     case BrokerOperation::getDebugTaskList: {
-      kxbroker__getDebugTaskListResponse out;
-      soap_default_kxbroker__getDebugTaskListResponse(soap, &out);
+      KX_NEW_RESPONSE(getDebugTaskList, out);
       out.kxbroker__return = valueOf(soap, itemOf<KXValue>(response, 0));
-      return sendResponse(soap, out, "kxbroker:getDebugTaskListResponse",
-                          soap_serialize_kxbroker__getDebugTaskListResponse,
-                          soap_put_kxbroker__getDebugTaskListResponse);
+      return KX_SEND_RESPONSE(getDebugTaskList, out);
     }
     case BrokerOperation::pCallVelmo:
     case BrokerOperation::unregisterModuleReference:
@@ -378,6 +331,9 @@ int sendAnswer(struct soap* soap, BrokerOperation op, const BrokerResponse& resp
   }
   return SOAP_OK;
 }
+
+#undef KX_NEW_RESPONSE
+#undef KX_SEND_RESPONSE
 
 // The module that a failing callVelmo or callVelmo2 names in its fault's detail.
 std::string faultDetailOf(const BrokerRequest& request) {
