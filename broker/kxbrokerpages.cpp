@@ -2,12 +2,17 @@
 
 #include <algorithm>
 #include <exception>
+#include <filesystem>
+#include <fstream>
 #include <memory>
+#include <optional>
 #include <set>
+#include <sstream>
 #include <vector>
 
 #include "broker/kxbroker.h"
 #include "broker/kxbrokermanager.h"
+#include "log/sdklayout.h"
 #include "module/kxmethodinfo.h"
 #include "module/kxmodulecore.h"
 #include "module/kxtaskmonitor.h"
@@ -358,6 +363,28 @@ std::string evaluateUrlCall(KXBroker& broker, const std::string& call) {
   }
 }
 
+namespace {
+
+// A page file of the SDK's "web/doc" folder (stylesheets, scripts), preceded by the header of
+// its kind; nothing when the path names no such file.
+std::optional<std::string> docFileAnswer(const std::string& path) {
+  const std::optional<std::filesystem::path> file = tu::path::resolveDocPath(path);
+  if (!file) {
+    return std::nullopt;
+  }
+  std::ifstream in(*file, std::ios::binary);
+  if (!in) {
+    return std::nullopt;
+  }
+  std::ostringstream body;
+  body << in.rdbuf();
+  const std::optional<std::string> type = tu::path::docContentType(path);
+  return (type ? "HTTP/1.0 200\r\nContent-Type: " + *type + "\r\n\r\n" : std::string()) +
+         body.str();
+}
+
+}  // namespace
+
 std::string answerPage(KXBroker& broker, const std::string& rawPath) {
   const std::string path = decodeUrl(rawPath);
   try {
@@ -376,6 +403,11 @@ std::string answerPage(KXBroker& broker, const std::string& rawPath) {
     if (path != "/index.xml") {
       if (auto module = moduleForPath(broker, path, kXmlSuffix)) {
         return modulePage(broker, *module);
+      }
+    }
+    if (path != "/index.xml" && path != "/") {
+      if (auto file = docFileAnswer(path)) {
+        return *file;
       }
     }
     // "/", "/index.xml" and every path that names nothing get the broker page.

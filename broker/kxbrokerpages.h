@@ -17,7 +17,10 @@ namespace detail {
 //   "/index.xml", "/"           the broker page
 //   "/<module>.xml"             the module page
 //   "/<module>Content.html"     the module's own content page
-// Any other path gets the broker page. %XX escapes in the path are decoded first.
+//   any other path             the file of that path in the SDK's "web/doc" folder, after a
+//                              header naming its type (scripts, stylesheets, CSS; no header
+//                              for other kinds); the broker page when there is no such file
+// %XX escapes in the path are decoded first.
 // Reads the broker's state only; safe from any thread.
 std::string answerPage(KXBroker& broker, const std::string& path);
 

@@ -16,7 +16,7 @@
 #include "broker/kxbroker.h"
 #include "module/kxmodulecore.h"
 #include "module/kxtaskmonitor.h"
-#include "network/sdklayout.h"
+#include "log/sdklayout.h"
 #include "thread/tests/thread_test_support.h"
 #include "value/kxvalue.h"
 

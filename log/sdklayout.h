@@ -1,5 +1,5 @@
-#ifndef VELMO_NETWORK_SDKLAYOUT_H_
-#define VELMO_NETWORK_SDKLAYOUT_H_
+#ifndef VELMO_LOG_SDKLAYOUT_H_
+#define VELMO_LOG_SDKLAYOUT_H_
 
 #include <filesystem>
 #include <optional>
@@ -43,4 +43,4 @@ std::optional<std::string> docContentType(const std::string& requestPath);
 }  // namespace path
 }  // namespace tu
 
-#endif  // VELMO_NETWORK_SDKLAYOUT_H_
+#endif  // VELMO_LOG_SDKLAYOUT_H_

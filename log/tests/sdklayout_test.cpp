@@ -1,4 +1,4 @@
-#include "network/sdklayout.h"
+#include "log/sdklayout.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
