@@ -3,6 +3,7 @@
 #include "broker/kxbrokerimpl.h"
 #include "broker/kxbrokermanager.h"
 #include "broker/kxbrokerpages.h"
+#include "broker/kxnetworkservice.h"
 #include "log/log.h"
 
 namespace KX {
@@ -24,9 +25,10 @@ std::shared_ptr<KXBroker> KXBroker::createBroker(const std::string& name, const 
   if (launchNetwork) {
     broker->impl_->launchNetwork((flags & kNoHeartbeat) == 0);
   }
-  // kCreateNetwork asks for the "KXNetwork" module even when the network is not
-  // launched; the network service provides that module, so until it exists the flag
-  // changes nothing.
+  // kCreateNetwork asks for the "KXNetwork" module even when the network is not launched.
+  if ((flags & kCreateNetwork) != 0 && !broker->getNetwork()) {
+    createNetworkModule(broker);
+  }
   return broker;
 }
 
@@ -77,6 +79,28 @@ bool KXBroker::isModulePresent(const std::string& name) { return impl_->isModule
 
 std::vector<KXModuleInfo> KXBroker::getGlobalModuleList() { return impl_->getGlobalModuleList(); }
 
+std::vector<KXBrokerInfo> KXBroker::getBrokerList() { return impl_->getBrokerList(); }
+
+std::shared_ptr<KXNetworkService> KXBroker::getNetwork() const { return impl_->getNetwork(); }
+
+void KXBroker::configureClient(const std::string& parentIp, int parentPort) {
+  impl_->configureClient(parentIp, parentPort);
+}
+
+void KXBroker::registerBroker(const KXBrokerInfo& info) { impl_->registerBroker(info); }
+
+void KXBroker::unregisterBroker(const std::string& name) { impl_->unregisterBroker(name); }
+
+bool KXBroker::childHeartBeat(const std::string& name) { return impl_->childHeartBeat(name); }
+
+void KXBroker::checkHeartBeat() { impl_->checkHeartBeat(); }
+
+std::vector<KXBrokerInfo> KXBroker::getChildBrokers() const { return impl_->getChildBrokers(); }
+
+void KXBroker::unregisterModuleReference(const std::string& name) {
+  impl_->unregisterModuleReference(name);
+}
+
 KXValue KXBroker::methodCall(const std::string& module, const std::string& method,
                              const KXValue& params) {
   return impl_->methodCall(module, method, params);
@@ -119,6 +143,10 @@ int KXBroker::getParentPort() const { return impl_->getParentPort(); }
 bool KXBroker::hasParent() const { return impl_->hasParent(); }
 
 KXBrokerInfo KXBroker::getBrokerInfo() const { return impl_->getBrokerInfo(); }
+
+void KXBroker::setIP(const std::string& ip) { impl_->setIP(ip); }
+
+void KXBroker::setPort(int port) { impl_->setPort(port); }
 
 std::shared_ptr<KXThreadPool> KXBroker::getThreadPool() const { return impl_->getThreadPool(); }
 

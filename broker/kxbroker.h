@@ -13,6 +13,7 @@ namespace KX {
 
 class KXBrokerImpl;
 class KXModuleCore;
+class KXNetworkService;
 class KXProxy;
 class KXTask;
 class KXTaskMonitor;
@@ -75,7 +76,28 @@ class KXBroker : public std::enable_shared_from_this<KXBroker> {
   int exploreToGetModuleByName(const std::string& name, bool searchUp, bool searchDown,
                                const std::string& excludedBroker, bool loadLib, KXModuleInfo& info);
   bool isModulePresent(const std::string& name);
+  // This broker's modules, then those of every child (a child that does not answer is
+  // dropped).
   std::vector<KXModuleInfo> getGlobalModuleList();
+  // This broker, then the brokers below it.
+  std::vector<KXBrokerInfo> getBrokerList();
+
+  // ---- The broker tree
+  // The "KXNetwork" module, null when the network was never launched.
+  std::shared_ptr<KXNetworkService> getNetwork() const;
+  // Connects the client side to the parent; throws KXError("KXBroker", "Connect to
+  // parent", "Timeout") when the parent does not answer.
+  void configureClient(const std::string& parentIp, int parentPort);
+  // Children: registered by the network service when they call in.
+  void registerBroker(const KXBrokerInfo& info);
+  void unregisterBroker(const std::string& name);
+  // A child's heartbeat arrived; false for an unknown child.
+  bool childHeartBeat(const std::string& name);
+  // Reports silent children, drops those silent for too long.
+  void checkHeartBeat();
+  std::vector<KXBrokerInfo> getChildBrokers() const;
+  // Drops the shared proxy kept for `name` (getProxy builds a new one next time).
+  void unregisterModuleReference(const std::string& name);
 
   // ---- Calls arriving for local modules
   KXValue methodCall(const std::string& module, const std::string& method, const KXValue& params);
@@ -108,6 +130,9 @@ class KXBroker : public std::enable_shared_from_this<KXBroker> {
   int getParentPort() const;
   bool hasParent() const;
   KXBrokerInfo getBrokerInfo() const;
+  // The address learnt from the network (a free port, the IP the parent sees).
+  void setIP(const std::string& ip);
+  void setPort(int port);
   std::shared_ptr<KXThreadPool> getThreadPool() const;
   std::shared_ptr<KXTaskMonitor> getTaskMonitor() const;
 

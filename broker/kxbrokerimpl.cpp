@@ -8,6 +8,8 @@
 
 #include "broker/detail/kxbrokermanagerinstance.h"
 #include "broker/kxbrokermanager.h"
+#include "broker/kxbrokerproxy.h"
+#include "broker/kxnetworkservice.h"
 #include "log/log.h"
 #include "module/kxmodulecore.h"
 #include "module/kxpcalltask.h"
@@ -91,13 +93,6 @@ void KXBrokerImpl::init(const std::string& name, const std::string& ip, int port
   closed_.store(false);
 }
 
-void KXBrokerImpl::launchNetwork(bool /*useHeartbeat*/) {
-  // The network service attaches here: it creates the "KXNetwork" module, picks a free
-  // port from 54010 when the port is 0, connects to the parent, starts its server and
-  // registers with the parent (with heartbeats when `useHeartbeat`). Until it exists the
-  // broker serves its own process only, so there is nothing to launch.
-}
-
 void KXBrokerImpl::shutdown() {
   if (shuttingDown_.exchange(true)) {
     return;
@@ -109,6 +104,8 @@ void KXBrokerImpl::shutdown() {
   const std::string name = getName();
   TU_LOG(tu::log::verbose, kCategory, "KX::KXBrokerImpl::shutdown")
       << "Shutdown \"" << name << "\" broker" << std::endl;
+
+  leaveTree();
 
   // Stop the modules from a copy of the table, latest registration first: a module's exit
   // unregisters it from the table itself, which must not be locked meanwhile.
@@ -170,6 +167,25 @@ void KXBrokerImpl::shutdown() {
 
   if (!getBrokerInfo().keepAlive) {
     TU_LOG(tu::log::info, kCategory, "KX::KXBrokerImpl::shutdown") << "Exit" << std::endl;
+  }
+}
+
+void KXBrokerImpl::leaveTree() {
+  std::shared_ptr<KXNetworkService> network = getNetwork();
+  if (network && hasParent()) {
+    try {
+      network->leaveParent();
+    } catch (const KXError& error) {
+      TU_LOG(tu::log::warning, kCategory, "KX::KXBrokerImpl::shutdown")
+          << "cannot leave the parent: " << error.what() << std::endl;
+    }
+  }
+  // The children's connections go before the network module that carries them.
+  children_.clear();
+  std::shared_ptr<KXBrokerProxy> parent;
+  {
+    std::lock_guard<std::mutex> guard(stateMutex_);
+    parent.swap(parent_);
   }
 }
 
@@ -253,53 +269,6 @@ KXModuleInfo KXBrokerImpl::describeLocalModule(const std::string& name) const {
   info.isABroker = false;
   info.keepAlive = false;
   return info;
-}
-
-int KXBrokerImpl::getModuleByName(const std::string& name, bool loadLib, KXModuleInfo& info) {
-  info.name.clear();
-  // The broker knows no other broker yet (no children, no parent connection), so the
-  // search downwards from here is the whole search.
-  exploreToGetModuleByName(name, false, true, "", loadLib, info);
-  return info.name.empty() ? -1 : 0;
-}
-
-int KXBrokerImpl::exploreToGetModuleByName(const std::string& name, bool /*searchUp*/,
-                                           bool /*searchDown*/,
-                                           const std::string& /*excludedBroker*/, bool /*loadLib*/,
-                                           KXModuleInfo& info) {
-  // The search reaches this process's modules only: child brokers and the parent are
-  // asked through the network service, which this broker does not have yet.
-  bool found = false;
-  {
-    KXScopedReadLock guard(moduleLock_);
-    found = modules_.count(name) != 0;
-  }
-  if (found) {
-    info = describeLocalModule(name);
-  }
-  return info.name.empty() ? -1 : 0;
-}
-
-bool KXBrokerImpl::isModulePresent(const std::string& name) {
-  const std::vector<KXModuleInfo> modules = getGlobalModuleList();
-  return std::any_of(modules.begin(), modules.end(),
-                     [&name](const KXModuleInfo& info) { return info.name == name; });
-}
-
-std::vector<KXModuleInfo> KXBrokerImpl::getGlobalModuleList() {
-  std::vector<std::string> names;
-  {
-    KXScopedReadLock guard(moduleLock_);
-    for (const auto& entry : modules_) {
-      names.push_back(entry.first);
-    }
-  }
-  std::vector<KXModuleInfo> list;
-  list.reserve(names.size());
-  for (const auto& name : names) {
-    list.push_back(describeLocalModule(name));
-  }
-  return list;
 }
 
 std::shared_ptr<KXModuleCore> KXBrokerImpl::findCallTarget(const std::string& operation,
@@ -434,6 +403,18 @@ bool KXBrokerImpl::hasParent() const {
 KXBrokerInfo KXBrokerImpl::getBrokerInfo() const {
   std::lock_guard<std::mutex> guard(stateMutex_);
   return info_;
+}
+
+void KXBrokerImpl::setIP(const std::string& ip) {
+  std::lock_guard<std::mutex> guard(stateMutex_);
+  ip_ = ip;
+  info_.ip = ip;
+}
+
+void KXBrokerImpl::setPort(int port) {
+  std::lock_guard<std::mutex> guard(stateMutex_);
+  port_ = port;
+  info_.port = port;
 }
 
 std::shared_ptr<KXThreadPool> KXBrokerImpl::getThreadPool() const {

@@ -9,13 +9,16 @@
 #include <vector>
 
 #include "broker/kxbroker.h"
+#include "broker/kxchildbrokers.h"
 #include "module/kxmoduleinfo.h"
 #include "thread/kxmutex.h"
 #include "value/kxvalue.h"
 
 namespace KX {
 
+class KXBrokerProxy;
 class KXModuleCore;
+class KXNetworkService;
 class KXProxy;
 class KXTask;
 class KXTaskMonitor;
@@ -41,8 +44,11 @@ class KXBrokerImpl {
 
   void init(const std::string& name, const std::string& ip, int port, const std::string& parentIp,
             int parentPort, int flags);
-  // The network service attaches here: server, free-port search, parent registration.
+  // Creates the "KXNetwork" module, picks a free port when the port is 0, connects to the
+  // parent, starts the server and registers with the parent (or says where it listens).
   void launchNetwork(bool useHeartbeat);
+  void configureClient(const std::string& parentIp, int parentPort);
+  std::shared_ptr<KXNetworkService> getNetwork() const;
   void shutdown();
   bool isShuttingDown() const { return shuttingDown_.load(); }
 
@@ -55,6 +61,14 @@ class KXBrokerImpl {
                                const std::string& excludedBroker, bool loadLib, KXModuleInfo& info);
   bool isModulePresent(const std::string& name);
   std::vector<KXModuleInfo> getGlobalModuleList();
+  std::vector<KXBrokerInfo> getBrokerList();
+
+  void registerBroker(const KXBrokerInfo& info);
+  void unregisterBroker(const std::string& name);
+  bool childHeartBeat(const std::string& name);
+  void checkHeartBeat();
+  std::vector<KXBrokerInfo> getChildBrokers() const;
+  void unregisterModuleReference(const std::string& name);
 
   KXValue methodCall(const std::string& module, const std::string& method, const KXValue& params);
   int post(const std::string& module, const std::string& method, const KXValue& params);
@@ -74,6 +88,8 @@ class KXBrokerImpl {
   int getParentPort() const;
   bool hasParent() const;
   KXBrokerInfo getBrokerInfo() const;
+  void setIP(const std::string& ip);
+  void setPort(int port);
   std::shared_ptr<KXThreadPool> getThreadPool() const;
   std::shared_ptr<KXTaskMonitor> getTaskMonitor() const;
 
@@ -81,6 +97,11 @@ class KXBrokerImpl {
   // Drops the shared proxy to `name`: it points at a module that has left (or been
   // replaced), and the next getProxy builds one to whatever is registered then.
   void forgetProxy(const std::string& name);
+  // Shutdown's first step: leaves the parent and drops the children.
+  void leaveTree();
+  // Raises `event` with `value` in this broker's "KXMemory" module, when it has one.
+  void raiseMemoryEvent(const std::string& event, const std::string& value);
+  std::shared_ptr<KXBrokerProxy> getParentProxy() const;
   // The module's description as a search returns it: this broker's address.
   KXModuleInfo describeLocalModule(const std::string& name) const;
   // Looks up the module and method for methodCall/post; throws their "not found" errors
@@ -112,10 +133,13 @@ class KXBrokerImpl {
   KXBrokerInfo info_;
   std::shared_ptr<KXThreadPool> threadPool_;
   std::shared_ptr<KXTaskMonitor> taskMonitor_;
+  std::shared_ptr<KXBrokerProxy> parent_;  // set by configureClient
 
   // Guarded by moduleLock_. The counter only grows: it gives each registration its index.
   std::map<std::string, std::shared_ptr<KXModuleCore>> modules_;
   int registrationCounter_ = 0;
+
+  KXChildBrokers children_;
 
   // Guarded by proxyLock_.
   std::map<std::string, std::shared_ptr<KXProxy>> proxies_;

@@ -6,6 +6,7 @@
 
 #include "broker/kxbroker.h"
 #include "broker/kxbrokermanager.h"
+#include "broker/kxnetworkservice.h"
 #include "module/kxmodulecore.h"
 #include "module/kxpcalltask.h"
 #include "value/kxerror.h"
@@ -23,6 +24,9 @@ struct KXProxy::Impl {
   std::weak_ptr<KXModuleCore> core;
   bool local = false;
   std::string brokerName;
+  // Remote proxies only: the connection the network service keeps for this proxy.
+  std::weak_ptr<KXNetworkService> network;
+  int connection = 0;
 };
 
 namespace {
@@ -70,7 +74,10 @@ KXProxy::KXProxy(const std::shared_ptr<KXBroker>& broker, const std::string& mod
     // The tree search answers with modules of the given broker (it has no other broker
     // to look in): those are called directly as well.
     core = broker->getModuleCore(moduleName);
-    if (!core) bindRemote(found);
+    if (!core) {
+      bindRemote(found);
+      return;
+    }
   }
 
   impl_->core = core;
@@ -87,17 +94,65 @@ KXProxy::KXProxy(const std::string& moduleName, const std::string& ip, int port,
   impl_->moduleInfo->name = moduleName;
   impl_->moduleInfo->ip = ip;
   impl_->moduleInfo->port = port;
-  // The broker at ip:port is asked through this process's fallback broker, over the
-  // network service: this build has none.
-  impl_->broker = KXBrokerManager::getInstance()->getEmptyBroker();
-  KX_THROW("KXProxy", "exploreToGetModuleByName", "No network");
+  // The broker at ip:port is asked through this process's fallback broker.
+  const std::shared_ptr<KXBroker> broker = KXBrokerManager::getInstance()->getEmptyBroker();
+  impl_->broker = broker;
+  const std::shared_ptr<KXNetworkService> network = broker->getNetwork();
+  if (!network) KX_THROW("KXProxy", "exploreToGetModuleByName", "No network");
+
+  KXModuleInfo remoteBroker;
+  remoteBroker.name = "KXNetwork";
+  remoteBroker.ip = ip;
+  remoteBroker.port = port;
+  remoteBroker.isABroker = true;
+  const int asked =
+      network->createConnection(remoteBroker, endpointOf(ip, port), kBrokerQuestionTimeoutSeconds);
+  KXModuleInfo found;
+  int status = -1;
+  try {
+    status = network->exploreToGetModuleByName(asked, moduleName, true, true, "",
+                                               (flags & kSkipLocalBroker) != 0, found);
+  } catch (...) {
+    network->destroyConnection(asked);
+    throw;
+  }
+  network->destroyConnection(asked);
+  if (status != 0 || found.name.empty()) {
+    KX_THROW("KXProxy", "constructor", "Module '" + moduleName + "' not found.");
+  }
+  if (found.ip == "0.0.0.0") found.ip = "127.0.0.1";
+  *impl_->moduleInfo = found;
+  bindRemote(found);
 }
 
-KXProxy::~KXProxy() = default;
+KXProxy::~KXProxy() {
+  if (impl_->connection == 0) return;
+  if (std::shared_ptr<KXNetworkService> network = impl_->network.lock()) {
+    network->destroyConnection(impl_->connection);
+  }
+}
+
+std::string KXProxy::endpointOf(const std::string& ip, int port) {
+  return "http://" + ip + ":" + std::to_string(port);
+}
 
 void KXProxy::bindRemote(const KXModuleInfo& info) {
-  (void)info;
-  KX_THROW("KXProxy", "CALL_METHODS", "No network");
+  const std::shared_ptr<KXBroker> broker = lockBroker();
+  const std::shared_ptr<KXNetworkService> network = broker->getNetwork();
+  if (!network) KX_THROW("KXProxy", "CALL_METHODS", "No network");
+  std::string ip = info.ip;
+  // Audio output runs beside its broker: those modules are always reached on this machine.
+  const std::string localName = broker->getName();
+  if (localName == "audioout" ||
+      (localName == "Velmo" && (info.name == "KXTextToSpeech" || info.name == "KXAudioPlayer"))) {
+    ip = "127.0.0.1";
+  }
+  impl_->local = false;
+  impl_->network = network;
+  impl_->connection = network->createConnection(info, endpointOf(ip, info.port), 0);
+  const KXValue name = network->callMethod(impl_->connection, "getBrokerName", KXValue());
+  impl_->brokerName =
+      name.getType() == KXValue::TypeString ? static_cast<const std::string&>(name) : std::string();
 }
 
 std::shared_ptr<KXBroker> KXProxy::lockBroker() const {
@@ -174,16 +229,18 @@ KXValue KXProxy::localGenericCall(KXModuleCore& core, const std::string& method,
   return result;
 }
 
+std::shared_ptr<KXNetworkService> KXProxy::lockNetwork() const {
+  std::shared_ptr<KXNetworkService> network = impl_->network.lock();
+  if (!network) KX_THROW("KXProxy", "CALL_METHODS", "No network");
+  return network;
+}
+
 KXValue KXProxy::remoteCall(const std::string& method, const KXValue& params) {
-  (void)method;
-  (void)params;
-  KX_THROW("KXProxy", "CALL_METHODS", "No network");
+  return lockNetwork()->callMethod(impl_->connection, method, params);
 }
 
 int KXProxy::remotePCall(const std::string& method, const KXValue& params) {
-  (void)method;
-  (void)params;
-  KX_THROW("KXProxy", "CALL_METHODS", "No network");
+  return lockNetwork()->pCallMethod(impl_->connection, method, params);
 }
 
 int KXProxy::localTypedPCall(const std::string& method, const KXValue& params,

@@ -18,6 +18,7 @@ class KXBroker;
 class KXModule;
 class KXModuleCore;
 class KXMethodInfo;
+class KXNetworkService;
 
 // The caller's handle on one module, wherever it lives. Built from a broker and a module
 // name (the module is searched in that broker, then in the broker tree) or from a module
@@ -100,8 +101,13 @@ class KXProxy : public std::enable_shared_from_this<KXProxy> {
   int remotePCall(const std::string& method, const KXValue& params);
   int localTypedPCall(const std::string& method, const KXValue& params, const char* const* argTypes,
                       std::size_t argCount);
-  // A module found in another broker: reached through the network service only.
-  [[noreturn]] void bindRemote(const KXModuleInfo& info);
+  // A module found in another broker: reached through the network service only, on a
+  // connection of this proxy's own; asks the module for its broker's name.
+  void bindRemote(const KXModuleInfo& info);
+  std::shared_ptr<KXNetworkService> lockNetwork() const;
+  static std::string endpointOf(const std::string& ip, int port);
+  // Questions to a broker (not to a module) give up after this long.
+  static constexpr int kBrokerQuestionTimeoutSeconds = 10;
 
   std::unique_ptr<Impl> impl_;
 };

@@ -1,5 +1,9 @@
 #include "network/kxbrokerserve.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <exception>
 #include <string>
@@ -9,6 +13,7 @@
 
 #include "kxsoapH.h"
 #include "network/kxbrokersoap.h"
+#include "network/kxsoapio.h"
 #include "network/kxvaluesoap.h"
 
 namespace KX {
@@ -16,45 +21,6 @@ namespace {
 
 constexpr const char* kModule = "KXNetwork";
 constexpr const char* kMethod = "serveBrokerConnection";
-constexpr const char* kAttachmentType = "application/octet-stream";
-constexpr const char* kAttachmentId = "image";
-
-// The SOAP envelope of the request received: the whole HTTP body, or the primary record of
-// a DIME message (the attachments stay with the runtime, which reads them at the end of
-// the message). Reads at most one byte more than a request may hold, so that the reader
-// refuses an oversized message without us buffering all of it.
-bool readEnvelope(struct soap* soap, std::string& envelope) {
-  const std::size_t limit = kBrokerMessageMaxBytes + 1;
-  std::size_t expected = limit;  // a chunked body ends with its last chunk
-  if ((soap->mode & SOAP_ENC_DIME) != 0) {
-    expected = soap->dime.size;
-  } else if ((soap->mode & SOAP_IO) != SOAP_IO_CHUNK) {
-    expected = static_cast<std::size_t>(std::min<ULONG64>(soap->length, limit));
-  }
-  if (expected > limit) {
-    expected = limit;
-  }
-  envelope.clear();
-  // The runtime may have looked one character ahead while reading the HTTP header.
-  if (soap->ahead != 0 && expected > 0) {
-    envelope.push_back(static_cast<char>(soap->ahead));
-    soap->ahead = 0;
-  }
-  while (envelope.size() < expected) {
-    if (soap->bufidx >= soap->buflen) {
-      if (soap_recv(soap) != SOAP_OK) {
-        // Chunked or unframed bodies end here; a framed body cut short is a failure.
-        return expected == limit;
-      }
-      continue;
-    }
-    const std::size_t available = soap->buflen - soap->bufidx;
-    const std::size_t take = std::min(available, expected - envelope.size());
-    envelope.append(soap->buf + soap->bufidx, take);
-    soap->bufidx += take;
-  }
-  return true;
-}
 
 // Writes one message (a response or a fault) framed as the generated skeleton frames its
 // responses: counted first when the length must be known, then sent with its HTTP header.
@@ -126,17 +92,7 @@ char* valueOf(struct soap* soap, const KXValue* value) {
 }
 
 void recordOf(struct soap* soap, const KXModuleInfo* info, kx__KXModuleInfo& record) {
-  soap_default_kx__KXModuleInfo(soap, &record);
-  const KXModuleInfo empty;
-  const KXModuleInfo& source = info == nullptr ? empty : *info;
-  record.name = soap_strdup(soap, source.name.c_str());
-  record.architecture = source.architecture;
-  record.ip = soap_strdup(soap, source.ip.c_str());
-  record.port = source.port;
-  record.processId = source.processId;
-  record.modulePointer = 0;
-  record.isABroker = source.isABroker;
-  record.keepAlive = source.keepAlive;
+  kxModuleInfoToSoap(soap, info == nullptr ? KXModuleInfo() : *info, record);
 }
 
 int intOf(const int* value) { return value == nullptr ? 0 : *value; }
@@ -154,42 +110,6 @@ kx__KXModuleInfo* recordsOf(struct soap* soap, const BrokerResponse& response, i
   return records;
 }
 
-// Queues the Binary leaves of a callVelmo result as DIME attachments, in walk order. The
-// bytes are referenced, not copied: `result` must live until the message is sent.
-int attachResultBinaries(struct soap* soap, const KXValue* result) {
-  if (result == nullptr) {
-    return SOAP_OK;
-  }
-  std::vector<const KXValue*> leaves;
-  collectBinaryLeaves(*result, leaves);
-  if (leaves.empty()) {
-    return SOAP_OK;
-  }
-  soap_set_dime(soap);
-  static const char kNoBytes[1] = {0};
-  for (const KXValue* leaf : leaves) {
-    const KXValue::TKXValueBinary& bytes = leaf->getBinary();
-    const char* data = bytes.empty() ? kNoBytes : reinterpret_cast<const char*>(bytes.data());
-    if (soap_set_dime_attachment(soap, data, bytes.size(), kAttachmentType, kAttachmentId, 0,
-                                 nullptr) != SOAP_OK) {
-      return soap->error;
-    }
-  }
-  return SOAP_OK;
-}
-
-// Gives the k-th Binary leaf of a callVelmo parameter the k-th attachment received; leaves
-// beyond the attachments keep the bytes of their XML form.
-void takeAttachments(struct soap* soap, KXValue& parameter) {
-  std::vector<KXValue*> leaves;
-  collectBinaryLeaves(parameter, leaves);
-  std::size_t k = 0;
-  for (const soap_multipart* part = soap->dime.list; part != nullptr && k < leaves.size();
-       part = part->next, ++k) {
-    leaves[k]->setBinary(part->ptr, part->size);
-  }
-}
-
 // soapcpp2 names a response after its operation: the type kxbroker__<op>Response and its
 // soap_default_/soap_serialize_/soap_put_ functions. These two build one and send it.
 #define KX_NEW_RESPONSE(op, out) \
@@ -205,7 +125,7 @@ int sendAnswer(struct soap* soap, BrokerOperation op, const BrokerResponse& resp
       KX_NEW_RESPONSE(callVelmo, out);
       const KXValue* result = itemOf<KXValue>(response, 0);
       out.kxbroker__return = valueOf(soap, result);
-      if (attachResultBinaries(soap, result) != SOAP_OK) {
+      if (attachBinaries(soap, result) != SOAP_OK) {
         return soap->error;
       }
       return KX_SEND_RESPONSE(callVelmo, out);
@@ -346,6 +266,32 @@ std::string faultDetailOf(const BrokerRequest& request) {
   return std::string();
 }
 
+// The peer's address as text ("" when the socket cannot say).
+std::string peerAddress(SOAP_SOCKET socket) {
+  sockaddr_storage address{};
+  socklen_t length = sizeof(address);
+  if (getpeername(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    return std::string();
+  }
+  char host[INET6_ADDRSTRLEN] = {0};
+  if (address.ss_family == AF_INET) {
+    inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in*>(&address)->sin_addr, host, sizeof(host));
+  } else if (address.ss_family == AF_INET6) {
+    const in6_addr& ip6 = reinterpret_cast<sockaddr_in6*>(&address)->sin6_addr;
+    // An IPv4 peer on a dual-stack socket is shown in dotted form.
+    if (IN6_IS_ADDR_V4MAPPED(&ip6)) {
+      inet_ntop(AF_INET, &ip6.s6_addr[12], host, sizeof(host));
+    } else {
+      inet_ntop(AF_INET6, &ip6, host, sizeof(host));
+    }
+  }
+  return host;
+}
+
+BrokerPeer peerOf(struct soap* soap) {
+  return BrokerPeer{soap->endpoint, peerAddress(soap->socket)};
+}
+
 // Serves one request whose HTTP header has been read. Returns SOAP_OK when the connection
 // can carry the next request, else the runtime's error code.
 int serveRequest(struct soap* soap, const BrokerRequestHandler& handler) {
@@ -355,7 +301,7 @@ int serveRequest(struct soap* soap, const BrokerRequestHandler& handler) {
     return soap->error = SOAP_HTTP_ERROR;
   }
   std::string envelope;
-  const bool complete = readEnvelope(soap, envelope);
+  const bool complete = readSoapEnvelope(soap, envelope);
   if (!complete || soap_end_recv(soap) != SOAP_OK) {
     return soap->error != SOAP_OK ? soap->error : (soap->error = SOAP_EOF);
   }
@@ -384,7 +330,7 @@ int serveRequest(struct soap* soap, const BrokerRequestHandler& handler) {
         takeAttachments(soap, *parameter);
       }
     }
-    response = handler(request);
+    response = handler(request, peerOf(soap));
   } catch (const KXError& error) {
     return brokerOperationIsOneWay(op) ? SOAP_OK
                                        : sendFault(soap, kxErrorDescription(error), detail);

@@ -15,6 +15,13 @@
 
 namespace KX {
 
+// Where a request came from: the endpoint it addressed ("http://" + its Host header + its
+// path, which names the serving broker by its port) and the peer's IP address.
+struct BrokerPeer {
+  std::string endpoint;
+  std::string ip;
+};
+
 // Carries out one request and returns its answer; `request` may be consumed. The answer's
 // `op` is ignored (the request's operation decides the response element). Its `items`
 // follow the shapes that parseBrokerResponse reads:
@@ -32,7 +39,8 @@ namespace KX {
 // description, and whose detail is the module named by the request for callVelmo and
 // callVelmo2 (the caller tells a module's own error from a transport failure that way).
 // A handler may serve several connections at once, from several threads.
-using BrokerRequestHandler = std::function<BrokerResponse(BrokerRequest& request)>;
+using BrokerRequestHandler =
+    std::function<BrokerResponse(BrokerRequest& request, const BrokerPeer& peer)>;
 
 // Serves the requests arriving on the connection of `soap` (a copy of the server context
 // bound to an accepted socket), one after the other while the connection is kept alive,

@@ -20,6 +20,18 @@ KXValue kxValueFromSoap(const char* xml) {
   return value;
 }
 
+void kxModuleInfoToSoap(struct soap* soap, const KXModuleInfo& info, kx__KXModuleInfo& record) {
+  soap_default_kx__KXModuleInfo(soap, &record);
+  record.name = soap_strdup(soap, info.name.c_str());
+  record.architecture = info.architecture;
+  record.ip = soap_strdup(soap, info.ip.c_str());
+  record.port = info.port;
+  record.processId = info.processId;
+  record.modulePointer = 0;
+  record.isABroker = info.isABroker;
+  record.keepAlive = info.keepAlive;
+}
+
 }  // namespace KX
 
 // The definitions below are global: the generated code calls them by their global names.

@@ -13,6 +13,7 @@
 #include <stdsoap2.h>
 
 #include "kxsoapH.h"
+#include "module/kxmoduleinfo.h"
 #include "value/kxvalue.h"
 
 namespace KX {
@@ -24,6 +25,9 @@ char* kxValueToSoap(struct soap* soap, const KXValue& value);
 // The KXValue that a KXValue child carries: `xml` is the child's inner XML, null for an
 // absent child (giving Invalid). Raises what readKXValueFromXml raises.
 KXValue kxValueFromSoap(const char* xml);
+
+// `info` as a kx:KXModuleInfo record, its strings allocated in `soap` (modulePointer 0).
+void kxModuleInfoToSoap(struct soap* soap, const KXModuleInfo& info, kx__KXModuleInfo& record);
 
 }  // namespace KX
 

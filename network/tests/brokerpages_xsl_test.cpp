@@ -14,9 +14,9 @@
 #include <string>
 
 #include "broker/kxbroker.h"
+#include "log/sdklayout.h"
 #include "module/kxmodulecore.h"
 #include "module/kxtaskmonitor.h"
-#include "log/sdklayout.h"
 #include "thread/tests/thread_test_support.h"
 #include "value/kxvalue.h"
 

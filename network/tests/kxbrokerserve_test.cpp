@@ -41,7 +41,11 @@ KXValue binaryOf(const std::string& bytes) {
 // operations it receives, and answers getInfo with a fixed record.
 class RecordingHandler {
  public:
-  BrokerResponse operator()(BrokerRequest& request) {
+  BrokerResponse operator()(BrokerRequest& request, const BrokerPeer& peer) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      peers_.push_back(peer);
+    }
     BrokerResponse response;
     switch (request.op) {
       case BrokerOperation::callVelmo: {
@@ -81,6 +85,11 @@ class RecordingHandler {
     return response;
   }
 
+  std::vector<BrokerPeer> peers() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return peers_;
+  }
+
   std::vector<std::string> oneWay() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return oneWay_;
@@ -89,6 +98,7 @@ class RecordingHandler {
  private:
   mutable std::mutex mutex_;
   std::vector<std::string> oneWay_;
+  std::vector<BrokerPeer> peers_;
 };
 
 // A server on 127.0.0.1 (port chosen by the system) serving one connection at a time on
@@ -96,7 +106,9 @@ class RecordingHandler {
 class LoopbackServer {
  public:
   explicit LoopbackServer(RecordingHandler& handler)
-      : handler_([&handler](BrokerRequest& request) { return handler(request); }) {
+      : handler_([&handler](BrokerRequest& request, const BrokerPeer& peer) {
+          return handler(request, peer);
+        }) {
     server_->accept_timeout = 1;
     if (!soap_valid_socket(soap_bind(server_.get(), "127.0.0.1", 0, 10))) {
       ADD_FAILURE() << "bind failed, gSOAP error " << server_->error;

@@ -1,0 +1,60 @@
+#ifndef VELMO_NETWORK_KXCONNECTION_H_
+#define VELMO_NETWORK_KXCONNECTION_H_
+
+#include <mutex>
+#include <string>
+
+#include "module/kxmoduleinfo.h"
+#include "network/kxbrokermessage.h"
+#include "network/kxsoapcontext.h"
+
+namespace KX {
+
+// One client connection to a remote broker: its endpoint, the remote module that calls on
+// it address, and a kept-alive SOAP context used by one call at a time (the lock is held
+// for the whole of a call). The TCP connection is opened on first use and opened again
+// after a failure or after the server closed it.
+class KXConnection {
+ public:
+  // timeoutSeconds > 0: connecting, sending and receiving each give up after that long.
+  // 0: connecting gives up after kConnectSeconds and sending after kSendSeconds, and a
+  // call waits for its answer as long as the remote method runs (a proxy's calls may
+  // legitimately block, "wait" without a limit for one).
+  KXConnection(std::string endpoint, KXModuleInfo module, int timeoutSeconds);
+  KXConnection(const KXConnection&) = delete;
+  KXConnection& operator=(const KXConnection&) = delete;
+
+  static constexpr int kConnectSeconds = 10;
+  static constexpr int kSendSeconds = 60;
+
+  const std::string& endpoint() const { return endpoint_; }
+  const KXModuleInfo& module() const { return module_; }
+
+  // Sends `request` and reads its answer by position (an empty answer for the one-way
+  // operations, which read nothing). The Binary leaves of a callVelmo parameter travel as
+  // DIME attachments, and those of its result take the attachments received. A transport
+  // failure or an answer that cannot be read comes back as a fault worded by the runtime
+  // (fault string and detail), like a fault the server sent; the socket is then closed.
+  BrokerResponse exchange(const BrokerRequest& request);
+
+  // Shuts the socket down so that a call blocked on it returns (with a fault) at once.
+  // Safe from any thread.
+  void interrupt();
+
+ private:
+  int send(const BrokerRequest& request);
+  BrokerResponse receive(BrokerOperation op);
+  BrokerResponse transportFault();
+
+  const std::string endpoint_;
+  const KXModuleInfo module_;
+  std::mutex lock_;  // held for a whole call
+  KXSoapContext soap_;
+  // The socket of the call in progress, for interrupt(); -1 when there is none.
+  std::mutex socketLock_;
+  int activeSocket_ = -1;
+};
+
+}  // namespace KX
+
+#endif  // VELMO_NETWORK_KXCONNECTION_H_

@@ -1,0 +1,153 @@
+#include "network/kxnetworkserver.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "log/log.h"
+#include "thread/kxtask.h"
+
+namespace KX {
+
+namespace {
+
+constexpr char kCategory[] = "core.common.network";
+
+// A serving context's sockets are closed by its task, not by the runtime: the task closes
+// its socket under the server's lock, so that stop() never shuts down a descriptor that
+// was closed and handed out again. Here the runtime only ends the exchange.
+int shutdownOnly(struct soap* /*soap*/, SOAP_SOCKET socket) {
+  ::shutdown(socket, SHUT_RDWR);
+  return SOAP_OK;
+}
+
+}  // namespace
+
+// Serves one accepted connection on a pool thread.
+class KXNetworkServer::ServeTask : public KXTask {
+ public:
+  ServeTask(std::shared_ptr<KXNetworkServer> server, KXSoapContext context)
+      : server_(std::move(server)), context_(std::move(context)), socket_(context_->socket) {
+    setName("soap_serve");
+    context_->fclosesocket = shutdownOnly;
+    // The copy shares the listening socket; only the server closes it.
+    context_->master = SOAP_INVALID_SOCKET;
+  }
+
+  ~ServeTask() override { closeSocket(); }
+
+  void run() override {
+    if (server_->track(this)) {
+      struct soap* soap = context_.get();
+      soap->recv_timeout = kServeReceiveSeconds;
+      soap->send_timeout = kServeSendSeconds;
+      soap->bufidx = 0;
+      soap->buflen = 0;
+      serveBrokerConnection(soap, server_->handler_);
+      server_->untrack(this);
+    }
+    closeSocket();
+  }
+
+  // Ends the exchange at once: the serving loop sees the connection closed.
+  void stop() override { shutdownSocket(); }
+
+  // Called under the server's mutex (or once the task is untracked).
+  void shutdownSocket() {
+    std::lock_guard<std::mutex> guard(socketMutex_);
+    if (socket_ >= 0) {
+      ::shutdown(socket_, SHUT_RDWR);
+    }
+  }
+
+ private:
+  void closeSocket() {
+    std::lock_guard<std::mutex> guard(socketMutex_);
+    if (socket_ >= 0) {
+      ::close(socket_);
+      socket_ = -1;
+      context_->socket = SOAP_INVALID_SOCKET;
+    }
+  }
+
+  const std::shared_ptr<KXNetworkServer> server_;
+  KXSoapContext context_;
+  std::mutex socketMutex_;
+  int socket_;  // guarded by socketMutex_
+};
+
+KXNetworkServer::KXNetworkServer(BrokerRequestHandler handler) : handler_(std::move(handler)) {
+  server_->accept_timeout = 1;
+}
+
+KXNetworkServer::~KXNetworkServer() = default;
+
+bool KXNetworkServer::bind(const std::string& ip, int port) {
+  const char* host = (ip.empty() || ip == "0.0.0.0") ? nullptr : ip.c_str();
+  return soap_valid_socket(soap_bind(server_.get(), host, port, kBacklog));
+}
+
+void KXNetworkServer::acceptLoop(
+    const std::function<bool()>& keepGoing,
+    const std::function<bool(const std::shared_ptr<KXTask>&)>& enqueue) {
+  struct soap* server = server_.get();
+  while (!stopped_.load() && keepGoing()) {
+    const SOAP_SOCKET socket = soap_accept(server);
+    if (!soap_valid_socket(socket)) {
+      if (server->errnum == 0 && !stopped_.load()) {
+        continue;  // the 1 s timeout: look at the stop conditions again
+      }
+      break;
+    }
+    std::shared_ptr<ServeTask> task;
+    try {
+      task = std::make_shared<ServeTask>(shared_from_this(), KXSoapContext::copyOf(server_));
+    } catch (const std::exception&) {
+      ::close(socket);
+      server->socket = SOAP_INVALID_SOCKET;
+      break;  // no copy of the context: the loop ends
+    }
+    // The accepted socket belongs to the task now.
+    server->socket = SOAP_INVALID_SOCKET;
+    if (!enqueue(task)) {
+      TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::listenRequest")
+          << "No more connection or thread available" << std::endl;
+    }
+  }
+}
+
+void KXNetworkServer::stop() {
+  if (stopped_.exchange(true)) {
+    return;
+  }
+  // Wakes the accept loop at once: accept fails on a listening socket shut down.
+  if (soap_valid_socket(server_->master)) {
+    ::shutdown(server_->master, SHUT_RDWR);
+  }
+  std::lock_guard<std::mutex> guard(mutex_);
+  for (ServeTask* task : serving_) {
+    task->shutdownSocket();
+  }
+}
+
+std::size_t KXNetworkServer::connectionCount() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return serving_.size();
+}
+
+bool KXNetworkServer::track(ServeTask* task) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  if (stopped_.load()) {
+    return false;
+  }
+  serving_.insert(task);
+  return true;
+}
+
+void KXNetworkServer::untrack(ServeTask* task) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  serving_.erase(task);
+}
+
+}  // namespace KX

@@ -1,0 +1,83 @@
+#include "network/kxsoapio.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "network/kxbrokermessage.h"
+#include "network/kxvaluesoap.h"
+
+namespace KX {
+
+namespace {
+
+constexpr const char* kAttachmentType = "application/octet-stream";
+constexpr const char* kAttachmentId = "image";
+
+}  // namespace
+
+bool readSoapEnvelope(struct soap* soap, std::string& envelope) {
+  const std::size_t limit = kBrokerMessageMaxBytes + 1;
+  std::size_t expected = limit;  // a chunked body ends with its last chunk
+  if ((soap->mode & SOAP_ENC_DIME) != 0) {
+    expected = soap->dime.size;
+  } else if ((soap->mode & SOAP_IO) != SOAP_IO_CHUNK) {
+    expected = static_cast<std::size_t>(std::min<ULONG64>(soap->length, limit));
+  }
+  if (expected > limit) {
+    expected = limit;
+  }
+  envelope.clear();
+  // The runtime may have looked one character ahead while reading the HTTP header.
+  if (soap->ahead != 0 && expected > 0) {
+    envelope.push_back(static_cast<char>(soap->ahead));
+    soap->ahead = 0;
+  }
+  while (envelope.size() < expected) {
+    if (soap->bufidx >= soap->buflen) {
+      if (soap_recv(soap) != SOAP_OK) {
+        // Chunked or unframed bodies end here; a framed body cut short is a failure.
+        return expected == limit;
+      }
+      continue;
+    }
+    const std::size_t available = soap->buflen - soap->bufidx;
+    const std::size_t take = std::min(available, expected - envelope.size());
+    envelope.append(soap->buf + soap->bufidx, take);
+    soap->bufidx += take;
+  }
+  return true;
+}
+
+int attachBinaries(struct soap* soap, const KXValue* value) {
+  if (value == nullptr) {
+    return SOAP_OK;
+  }
+  std::vector<const KXValue*> leaves;
+  collectBinaryLeaves(*value, leaves);
+  if (leaves.empty()) {
+    return SOAP_OK;
+  }
+  soap_set_dime(soap);
+  static const char kNoBytes[1] = {0};
+  for (const KXValue* leaf : leaves) {
+    const KXValue::TKXValueBinary& bytes = leaf->getBinary();
+    const char* data = bytes.empty() ? kNoBytes : reinterpret_cast<const char*>(bytes.data());
+    if (soap_set_dime_attachment(soap, data, bytes.size(), kAttachmentType, kAttachmentId, 0,
+                                 nullptr) != SOAP_OK) {
+      return soap->error;
+    }
+  }
+  return SOAP_OK;
+}
+
+void takeAttachments(struct soap* soap, KXValue& parameter) {
+  std::vector<KXValue*> leaves;
+  collectBinaryLeaves(parameter, leaves);
+  std::size_t k = 0;
+  for (const soap_multipart* part = soap->dime.list; part != nullptr && k < leaves.size();
+       part = part->next, ++k) {
+    leaves[k]->setBinary(part->ptr, part->size);
+  }
+}
+
+}  // namespace KX

@@ -1,0 +1,29 @@
+#ifndef VELMO_NETWORK_KXSOAPIO_H_
+#define VELMO_NETWORK_KXSOAPIO_H_
+
+#include <stdsoap2.h>
+
+#include <string>
+
+#include "value/kxvalue.h"
+
+namespace KX {
+
+// Reads the SOAP envelope of the message whose HTTP header soap_begin_recv has read: the
+// whole body, or the primary record of a DIME message (the runtime reads the attachments
+// in soap_end_recv). Reads at most one byte more than kBrokerMessageMaxBytes, so that an
+// oversized message is refused without being buffered. False when a framed body ends early.
+bool readSoapEnvelope(struct soap* soap, std::string& envelope);
+
+// Queues the Binary leaves of `value` (none when null) as DIME attachments of the next
+// message, in walk order, typed "application/octet-stream" with the id "image". The bytes
+// are referenced, not copied: `value` must live until the message is sent.
+int attachBinaries(struct soap* soap, const KXValue* value);
+
+// Gives the k-th Binary leaf of `value` the k-th attachment received; leaves beyond the
+// attachments keep the bytes of their XML form.
+void takeAttachments(struct soap* soap, KXValue& value);
+
+}  // namespace KX
+
+#endif  // VELMO_NETWORK_KXSOAPIO_H_
