@@ -19,8 +19,9 @@ configure: deps
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
+# The root broker of a tree, on this machine only; Ctrl-C stops it in order.
 run: build
-	$(BUILD)/bin/velmo-demo
+	$(BUILD)/bin/velmo --ip 127.0.0.1 --port 9559
 
 test: build
 	$(MAKE) --no-print-directory test-cpp test-python

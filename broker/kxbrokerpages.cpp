@@ -197,8 +197,16 @@ std::string brokerPage(KXBroker& broker, bool withMethods) {
   }
   out += "</parentBroker>\n";
 
-  // Child brokers register through the network service; this process has none.
-  out += "<childBrokers>\n</childBrokers>\n";
+  out += "<childBrokers>\n";
+  for (const auto& child : broker.getChildBrokers()) {
+    out += "<broker>\n";
+    appendElement(out, "name", child.name);
+    appendElement(out, "ip", child.ip);
+    appendElement(out, "port", child.port);
+    appendElement(out, "href", brokerHref(child.ip, child.port));
+    out += "</broker>\n";
+  }
+  out += "</childBrokers>\n";
 
   out += "<modules>\n";
   for (const auto& module : modules) {

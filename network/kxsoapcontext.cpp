@@ -1,5 +1,7 @@
 #include "network/kxsoapcontext.h"
 
+#include <sys/socket.h>
+
 #include <utility>
 
 #include "value/kxerror.h"
@@ -35,6 +37,9 @@ KXSoapContext::KXSoapContext() : soap_(soap_new2(kInputMode, kOutputMode)) {
     KX_THROW("KXNetwork", "KXSoapContext", "out of memory");
   }
   soap_set_namespaces(soap_, namespaces);
+  // A peer that goes away mid-message is an error to report, never a signal that ends the
+  // process.
+  soap_->socket_flags = MSG_NOSIGNAL;
 }
 
 KXSoapContext::KXSoapContext(struct soap* adopted) : soap_(adopted) {}
