@@ -57,7 +57,9 @@ KXChildBrokers::CheckResult KXChildBrokers::check(Clock::time_point now) {
     if (!record.beating) {
       continue;
     }
-    if (now - record.lastBeat <= kHeartBeatSilence) {
+    // Counted in whole seconds, as beats are.
+    if (std::chrono::duration_cast<std::chrono::seconds>(now - record.lastBeat) <=
+        kHeartBeatSilence) {
       record.missed = 0;
       continue;
     }
