@@ -53,7 +53,8 @@ TEST(BrokerOptionsTest, MistakesAreNamed) {
 
 TEST(BrokerOptionsTest, UsageNamesEveryOption) {
   const std::string usage = brokerUsage("velmo");
-  for (const char* option : {"--name", "--ip", "--port", "--parent-ip", "--parent-port", "--help"}) {
+  for (const char* option :
+       {"--name", "--ip", "--port", "--parent-ip", "--parent-port", "--help"}) {
     EXPECT_NE(usage.find(option), std::string::npos) << option;
   }
   EXPECT_EQ(usage.rfind("Usage: velmo [options]\n", 0), 0u);
