@@ -3,6 +3,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
 #include <utility>
 
 #include "log/log.h"
@@ -21,6 +25,13 @@ int shutdownOnly(struct soap* /*soap*/, SOAP_SOCKET socket) {
   ::shutdown(socket, SHUT_RDWR);
   return SOAP_OK;
 }
+
+bool isTransientAcceptError(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM ||
+         error == ECONNABORTED || error == EINTR || error == EPROTO || error == EPERM;
+}
+
+constexpr std::chrono::milliseconds kAcceptRetryPause{100};
 
 }  // namespace
 
@@ -79,6 +90,9 @@ class KXNetworkServer::ServeTask : public KXTask {
 
 KXNetworkServer::KXNetworkServer(BrokerRequestHandler handler) : handler_(std::move(handler)) {
   server_->accept_timeout = 1;
+  // A proxy keeps its connection for all its calls: no limit on the requests of one
+  // connection (message data are freed after each).
+  server_->max_keep_alive = 0;
 }
 
 KXNetworkServer::~KXNetworkServer() = default;
@@ -95,8 +109,19 @@ void KXNetworkServer::acceptLoop(
   while (!stopped_.load() && keepGoing()) {
     const SOAP_SOCKET socket = soap_accept(server);
     if (!soap_valid_socket(socket)) {
-      if (server->errnum == 0 && !stopped_.load()) {
+      if (stopped_.load()) {
+        break;
+      }
+      if (server->errnum == 0) {
         continue;  // the 1 s timeout: look at the stop conditions again
+      }
+      if (isTransientAcceptError(server->errnum)) {
+        // Out of descriptors or memory for a moment, or a client that gave up while
+        // queued: the server stays up and tries again.
+        TU_LOG(tu::log::warning, kCategory, "KX::KXNetwork::listenRequest")
+            << "accept failed (" << std::strerror(server->errnum) << "), retrying" << std::endl;
+        std::this_thread::sleep_for(kAcceptRetryPause);
+        continue;
       }
       break;
     }
