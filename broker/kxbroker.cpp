@@ -23,7 +23,13 @@ std::shared_ptr<KXBroker> KXBroker::createBroker(const std::string& name, const 
   broker->init(name, ip, port, parentIp, parentPort, flags);
   KXBrokerManager::getInstance()->addBroker(broker);
   if (launchNetwork) {
-    broker->impl_->launchNetwork((flags & kNoHeartbeat) == 0);
+    try {
+      broker->impl_->launchNetwork((flags & kNoHeartbeat) == 0);
+    } catch (...) {
+      // A broker that cannot reach its network is no broker: it leaves the manager.
+      broker->shutdown();
+      throw;
+    }
   }
   // kCreateNetwork asks for the "KXNetwork" module even when the network is not launched.
   if ((flags & kCreateNetwork) != 0 && !broker->getNetwork()) {

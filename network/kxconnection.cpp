@@ -46,6 +46,12 @@ KXConnection::KXConnection(std::string endpoint, KXModuleInfo module, int timeou
     soap->send_timeout = kSendSeconds;
     soap->recv_timeout = 0;
   }
+  // A call may wait for its answer without limit, but not on a peer that is gone: TCP
+  // probes an idle connection and fails the call when the other machine stops answering.
+  soap->tcp_keep_alive = 1;
+  soap->tcp_keep_idle = kKeepAliveIdleSeconds;
+  soap->tcp_keep_intvl = kKeepAliveIntervalSeconds;
+  soap->tcp_keep_cnt = kKeepAliveProbes;
 }
 
 int KXConnection::send(const BrokerRequest& request) {

@@ -26,6 +26,10 @@ class KXConnection {
 
   static constexpr int kConnectSeconds = 10;
   static constexpr int kSendSeconds = 60;
+  // A peer machine that stops answering is found out after 10 + 3 x 5 seconds of silence.
+  static constexpr unsigned kKeepAliveIdleSeconds = 10;
+  static constexpr unsigned kKeepAliveIntervalSeconds = 5;
+  static constexpr unsigned kKeepAliveProbes = 3;
 
   const std::string& endpoint() const { return endpoint_; }
   const KXModuleInfo& module() const { return module_; }

@@ -373,6 +373,10 @@ TEST(NetworkParentTest, AnUnreachableParentIsATimeout) {
                                      KXBroker::kKeepAlive);
             }),
             errorText("KXBroker", "Connect to parent", "Timeout"));
+  // The half-made broker is not left in the manager.
+  for (const auto& broker : KXBrokerManager::getInstance()->getBrokers()) {
+    EXPECT_NE(broker->getName(), "orphan");
+  }
 }
 
 }  // namespace
