@@ -127,87 +127,6 @@ KXNetwork::~KXNetwork() {
   }
 }
 
-void KXNetwork::bindNetworkMethods() {
-  functionName("setEndPoint", kClass, "");
-  addParam("connectionInformation", "internal connection structure");
-  addParam("ip", "IP of the new connection");
-  addParam("port", "Port of the new connection");
-  bindMethod(&KXNetwork::setEndPoint);
-
-  functionName("newServer", kClass, "Create a new server");
-  addParam("ip", "server IP");
-  addParam("port", "server port");
-  bindMethod(&KXNetwork::newServer);
-
-  functionName("listenRequest", kClass, "Server running");
-  bindMethod(&KXNetwork::listenRequest);
-
-  functionName("heartBeat", kClass,
-               "Heartbeat server function. Heartbeat check client and server exist. Can be "
-               "disactivated at broker creation");
-  addParam("brokerName", "Broker that sent heartbeat");
-  bindMethod(&KXNetwork::heartBeat);
-
-  functionName("runHeartBeat", kClass, "Checks for client heartbeats.");
-  bindMethod(&KXNetwork::runHeartBeat);
-
-  functionName("runHeartBeatCheck", kClass, "Server method that check client heartbeat reception");
-  bindMethod(&KXNetwork::runHeartBeatCheck);
-
-  functionName("registerClient", kClass, "Register to server");
-  addParam("ip", "server IP");
-  addParam("port", "server port");
-  addParam("useHeartBeat", "Use heartbeat or not");
-  bindMethod(&KXNetwork::registerClient);
-
-  functionName("callMethod", kClass, "Call method remotely");
-  addParam("connectionInfo", "Internal connection structure");
-  addParam("szMethodName", "method name");
-  addParam("param", "parameter");
-  bindMethod(&KXNetwork::callMethod);
-
-  functionName("pCallMethod", kClass, "Call method in a thread but wait a thread ID");
-  addParam("connectionInfo", "Internal connection structure");
-  addParam("szMethodName", "method name");
-  addParam("param", "parameter");
-  bindMethod(&KXNetwork::pCallMethod);
-
-  functionName("pCallMethodNoID", kClass, "call method in a thread. Doesn't wait a thread ID");
-  addParam("connectionInfo", "server IP");
-  addParam("szMethodName", "server IP");
-  addParam("param", "server IP");
-  setReturn("Task ID", "Unique ID for the task");
-  bindMethod(&KXNetwork::pCallMethodNoID);
-
-  functionName("disconnectBroker", kClass, "disconnect from server and stop listen");
-  bindMethod(&KXNetwork::disconnectBroker);
-
-  functionName("reconnectBroker", kClass, "reconnect broker without destroying it");
-  addParam("parentIP", "parent IP");
-  addParam("parentport", "parent port");
-  addParam("heartbeat", "true to activate heartbeat. False to disactivate heartbeat");
-  bindMethod(&KXNetwork::reconnectBroker);
-
-  functionName("remotePCallManager", kClass, "Manages remote pcalls.");
-  bindMethod(&KXNetwork::remotePCallManager);
-
-  functionName("findFreePort", kClass, "Find a free port on specific IP");
-  addParam("ip", "findFreePort will return free port on IP");
-  addParam("start port", "First port to try");
-  bindMethod(&KXNetwork::findFreePort);
-
-  functionName("getLocalIP", kClass, "return computer IP");
-  bindMethod(&KXNetwork::getLocalIP);
-
-  functionName("destroyConnection", kClass, "destroy connection");
-  addParam("connectionInformation", "internal connection information");
-  bindMethod(&KXNetwork::destroyConnection);
-
-  functionName("waitSynchronizer", kClass, "Waits for a condition to be triggered.");
-  addParam("name", "Condition name");
-  bindMethod(&KXNetwork::waitSynchronizer);
-}
-
 bool KXNetwork::keepRunning() const {
   if (isExiting()) {
     return false;
@@ -406,12 +325,7 @@ void KXNetwork::registerClient(const std::string& ip, const int& port, const boo
     // Not registered there: the usual case.
   }
   try {
-    KXBrokerInfo self = broker->getBrokerInfo();
-    BrokerRequest request{BrokerOperation::registerBroker, {self}};
-    const BrokerResponse response = findConnection(connection, "registerBroker")->exchange(request);
-    if (response.fault) {
-      KX_THROW("KXNetwork", "registerBroker", response.fault->string);
-    }
+    registerBrokerTo(connection, broker->getBrokerInfo());
   } catch (const KXError&) {
     TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::registerClient")
         << "cannot register broker to " << endpoint << std::endl;

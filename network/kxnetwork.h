@@ -62,6 +62,8 @@ class KXNetwork : public KXModule, public KXNetworkService {
   std::vector<std::string> getRemoteMethodList(int connection,
                                                const std::string& moduleName) override;
   void unregisterBroker(int connection, const KXModuleInfo& broker) override;
+  // Registers `broker` as a child of the connection's broker.
+  void registerBrokerTo(int connection, const KXModuleInfo& broker);
   void unregisterModuleReference(int connection, const std::string& moduleName) override;
   std::string sendBackIP(int connection) override;
 

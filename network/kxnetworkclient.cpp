@@ -176,6 +176,11 @@ std::vector<std::string> KXNetwork::getRemoteMethodList(int connection,
                                    BrokerRequest{BrokerOperation::getMethodList, {moduleName}}));
 }
 
+void KXNetwork::registerBrokerTo(int connection, const KXModuleInfo& broker) {
+  std::shared_ptr<KXConnection> target = findConnection(connection, "registerBroker");
+  ask(*target, "registerBroker", BrokerRequest{BrokerOperation::registerBroker, {broker}});
+}
+
 void KXNetwork::unregisterBroker(int connection, const KXModuleInfo& broker) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "unregisterBroker");
   ask(*target, "unregisterBroker", BrokerRequest{BrokerOperation::unregisterBroker, {broker}});

@@ -382,3 +382,68 @@ TEST(NetworkParentTest, AnUnreachableParentIsATimeout) {
 }  // namespace
 }  // namespace testing
 }  // namespace KX
+
+namespace KX {
+namespace testing {
+namespace {
+
+TEST(NetworkModuleTest, PublishesItsMethodsInOrderAndAnswersThemGenerically) {
+  auto root = rootBroker("published");
+  std::shared_ptr<KXModuleCore> network = root->getModuleCore("KXNetwork");
+  ASSERT_NE(network, nullptr);
+  const std::vector<std::string> methods = network->getMethodList();
+  const std::vector<std::string> published = {"setEndPoint",
+                                              "registerBroker",
+                                              "newServer",
+                                              "configureClient",
+                                              "listenRequest",
+                                              "heartBeat",
+                                              "runHeartBeat",
+                                              "runHeartBeatCheck",
+                                              "registerClient",
+                                              "callMethod",
+                                              "pCallMethod",
+                                              "pCallMethodNoID",
+                                              "getModuleList",
+                                              "unregisterBroker",
+                                              "getBrokerInfo",
+                                              "getInfo",
+                                              "createClient",
+                                              "getModuleByName",
+                                              "getBrokerList",
+                                              "getRemoteMethodList",
+                                              "createConnection",
+                                              "disconnectBroker",
+                                              "reconnectBroker",
+                                              "remotePCallManager",
+                                              "unregisterModuleReference",
+                                              "getGlobalModuleList",
+                                              "findFreePort",
+                                              "getLocalIP",
+                                              "destroyConnection",
+                                              "waitSynchronizer"};
+  ASSERT_GE(methods.size(), published.size());
+  EXPECT_EQ(std::vector<std::string>(methods.end() - published.size(), methods.end()), published);
+  EXPECT_EQ(network->getMethodHelp("heartBeat")[2][0], KXValue("brokerName"));
+
+  // Through the published forms: a connection to the broker itself, its record, its lists.
+  KXProxy proxy(root, "KXNetwork");
+  const std::string endpoint = "http://127.0.0.1:" + std::to_string(root->getPort());
+  const KXValue connection = proxy.genericCall("createClient", args({KXValue(endpoint)}));
+  ASSERT_EQ(connection.getType(), KXValue::TypeInt);
+  const KXValue record = proxy.genericCall("getBrokerInfo", args({connection}));
+  EXPECT_EQ(record,
+            args({KXValue("published"), KXValue(1), KXValue("127.0.0.1"), KXValue(root->getPort()),
+                  KXValue(static_cast<int>(getpid())), KXValue(true), KXValue(true)}));
+  const KXValue modules = proxy.genericCall("getModuleList", args({connection}));
+  ASSERT_EQ(modules.getSize(), 1);
+  EXPECT_EQ(modules[0][0], KXValue("KXNetwork"));
+  proxy.genericCall("destroyConnection", args({connection}));
+  EXPECT_EQ(errorOf([&] { proxy.genericCall("getBrokerInfo", args({connection})); }),
+            errorText("KXNetwork", "getBrokerInfo", "connection not initialized"));
+  root->shutdown();
+}
+
+}  // namespace
+}  // namespace testing
+}  // namespace KX
