@@ -54,7 +54,8 @@ class KXFunctor final : public KXTypedFunctor<R, P...> {
     (void)params;  // unread by methods without parameters
     // Every argument is converted before the call, in order (a braced list is evaluated
     // left to right), so a conversion error leaves the method uncalled.
-    std::tuple<std::decay_t<P>...> args{convertFromKXValue<std::decay_t<P>>(params[int(I)])...};
+    std::tuple<typename ArgumentOf<std::decay_t<P>>::type...> args{
+        ArgumentOf<std::decay_t<P>>::from(params[int(I)])...};
     if constexpr (std::is_void_v<R>) {
       (object_->*method_)(std::get<I>(args)...);
     } else {

@@ -1,5 +1,7 @@
 #include "module/kxfunctorconvert.h"
 
+#include <utility>
+
 #include "module/kxfunctor.h"
 #include "value/kxerror.h"
 
@@ -133,6 +135,8 @@ void convertToKXValue(const std::vector<float>& in, KXValue& out) {
 }
 
 void convertToKXValue(const KXValue& in, KXValue& out) { out = in; }
+
+void convertToKXValue(KXValue&& in, KXValue& out) { out = std::move(in); }
 
 }  // namespace detail
 }  // namespace KX

@@ -105,6 +105,23 @@ void convertToKXValue(const std::vector<std::string>& in, KXValue& out);
 void convertToKXValue(const std::vector<int>& in, KXValue& out);
 void convertToKXValue(const std::vector<float>& in, KXValue& out);
 void convertToKXValue(const KXValue& in, KXValue& out);
+// A result returned by value is moved, not copied.
+void convertToKXValue(KXValue&& in, KXValue& out);
+
+// How a functor holds an argument taken from the argument Array: converted to the
+// parameter type, except a KXValue parameter, which refers to the element itself (a
+// large value is not copied on its way to the method).
+template <typename T>
+struct ArgumentOf {
+  using type = T;
+  static T from(const KXValue& value) { return convertFromKXValue<T>(value); }
+};
+
+template <>
+struct ArgumentOf<KXValue> {
+  using type = const KXValue&;
+  static const KXValue& from(const KXValue& value) { return value; }
+};
 
 }  // namespace detail
 }  // namespace KX

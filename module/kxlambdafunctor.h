@@ -36,7 +36,8 @@ class KXLambdaFunctor final : public KXTypedFunctor<R, P...> {
   template <std::size_t... I>
   void callWith(const KXValue& params, KXValue& result, std::index_sequence<I...>) {
     (void)params;  // unread by functions without parameters
-    std::tuple<std::decay_t<P>...> args{convertFromKXValue<std::decay_t<P>>(params[int(I)])...};
+    std::tuple<typename ArgumentOf<std::decay_t<P>>::type...> args{
+        ArgumentOf<std::decay_t<P>>::from(params[int(I)])...};
     if constexpr (std::is_void_v<R>) {
       function_(std::get<I>(args)...);
     } else {

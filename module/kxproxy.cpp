@@ -255,10 +255,11 @@ int KXProxy::localTypedPCall(const std::string& method, const KXValue& params,
 }
 
 KXValue KXProxy::genericCall(const std::string& method, const KXValue& params) {
-  const KXValue arguments = asArgumentArray(params);
-  if (!isLocal()) return remoteCall(method, arguments);
+  // An Array is passed on as it is: a large argument is not copied on its way.
+  if (params.getType() != KXValue::TypeArray) return genericCall(method, asArgumentArray(params));
+  if (!isLocal()) return remoteCall(method, params);
   const std::shared_ptr<KXModuleCore> core = lockModuleCore();
-  return localGenericCall(*core, method, arguments);
+  return localGenericCall(*core, method, params);
 }
 
 int KXProxy::genericPCall(const std::string& method, const KXValue& params) {

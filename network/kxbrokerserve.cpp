@@ -302,7 +302,7 @@ int serveRequest(struct soap* soap, const BrokerRequestHandler& handler) {
   }
   std::string envelope;
   const bool complete = readSoapEnvelope(soap, envelope);
-  if (!complete || soap_end_recv(soap) != SOAP_OK) {
+  if (!complete || finishSoapReceive(soap) != SOAP_OK) {
     return soap->error != SOAP_OK ? soap->error : (soap->error = SOAP_EOF);
   }
   // The answer is SOAP 1.1 whatever the request claimed; the reader has checked it.
@@ -393,9 +393,7 @@ int serveBrokerConnection(struct soap* soap, const BrokerRequestHandler& handler
       return error;
     }
     const int result = serveRequest(soap, handler);
-    soap_clr_dime(soap);
-    soap_destroy(soap);
-    soap_end(soap);
+    endSoapMessage(soap);
     if (result != SOAP_OK) {
       soap->keep_alive = 0;
       soap_closesock(soap);

@@ -42,8 +42,10 @@ KXConnection::KXConnection(std::string endpoint, KXModuleInfo module, int timeou
     soap->recv_timeout = timeoutSeconds;
     soap->accept_timeout = timeoutSeconds;
   } else {
+    // No send or receive timeout: the socket then stays blocking, and a call costs no
+    // readiness wait before each send and receive.
     soap->connect_timeout = kConnectSeconds;
-    soap->send_timeout = kSendSeconds;
+    soap->send_timeout = 0;
     soap->recv_timeout = 0;
   }
   // A call may wait for its answer without limit, but not on a peer that is gone: TCP
@@ -54,23 +56,39 @@ KXConnection::KXConnection(std::string endpoint, KXModuleInfo module, int timeou
   soap->tcp_keep_cnt = kKeepAliveProbes;
 }
 
+int KXConnection::sendCall(BrokerOperation op, const std::string& module, const std::string& method,
+                           const KXValue& param) {
+  struct soap* soap = soap_.get();
+  char* xml = kxValueToSoap(soap, param);
+  if (op == BrokerOperation::callVelmo && attachBinaries(soap, &param) != SOAP_OK) {
+    return soap->error;
+  }
+  char* mod = const_cast<char*>(module.c_str());
+  char* meth = const_cast<char*>(method.c_str());
+  return op == BrokerOperation::callVelmo
+             ? soap_send_kxbroker__callVelmo(soap, endpoint_.c_str(), "", mod, meth, xml)
+             : soap_send_kxbroker__callVelmo2(soap, endpoint_.c_str(), "", mod, meth, xml);
+}
+
+BrokerResponse KXConnection::call(BrokerOperation op, const std::string& method,
+                                  const KXValue& param) {
+  std::lock_guard<std::mutex> call(lock_);
+  const int sent = sendCall(op, module_.name, method, param);
+  soap_clr_dime(soap_.get());
+  if (sent != SOAP_OK) {
+    return transportFault();
+  }
+  return receive(op);
+}
+
 int KXConnection::send(const BrokerRequest& request) {
   struct soap* soap = soap_.get();
   const char* endpoint = endpoint_.c_str();
   switch (request.op) {
     case BrokerOperation::callVelmo:
-    case BrokerOperation::callVelmo2: {
-      const KXValue& parameter = value(request, 2);
-      char* xml = kxValueToSoap(soap, parameter);
-      if (request.op == BrokerOperation::callVelmo && attachBinaries(soap, &parameter) != SOAP_OK) {
-        return soap->error;
-      }
-      return request.op == BrokerOperation::callVelmo
-                 ? soap_send_kxbroker__callVelmo(soap, endpoint, "", text(request, 0),
-                                                 text(request, 1), xml)
-                 : soap_send_kxbroker__callVelmo2(soap, endpoint, "", text(request, 0),
-                                                  text(request, 1), xml);
-    }
+    case BrokerOperation::callVelmo2:
+      return sendCall(request.op, std::get<std::string>(request.args.at(0)),
+                      std::get<std::string>(request.args.at(1)), value(request, 2));
     case BrokerOperation::getModuleByName:
       return soap_send_kxbroker__getModuleByName(soap, endpoint, "", text(request, 0));
     case BrokerOperation::exploreToGetModuleByName:
@@ -118,8 +136,7 @@ BrokerResponse KXConnection::exchange(const BrokerRequest& request) {
     return transportFault();
   }
   if (oneWay) {
-    soap_destroy(soap);
-    soap_end(soap);
+    endSoapMessage(soap);
     BrokerResponse nothing;
     nothing.op = request.op;
     return nothing;
@@ -148,7 +165,7 @@ BrokerResponse KXConnection::receive(BrokerOperation op) {
     }
     return transportFault();
   }
-  if (soap_end_recv(soap) != SOAP_OK) {
+  if (finishSoapReceive(soap) != SOAP_OK) {
     return transportFault();
   }
   BrokerResponse response;
@@ -156,10 +173,8 @@ BrokerResponse KXConnection::receive(BrokerOperation op) {
     response = parseBrokerResponse(op, envelope);
   } catch (const KXBrokerMessageError& error) {
     // An answer we cannot read leaves the connection in an unknown state: start afresh.
-    soap_clr_dime(soap);
     soap_closesock(soap);
-    soap_destroy(soap);
-    soap_end(soap);
+    endSoapMessage(soap);
     response = BrokerResponse();
     response.op = op;
     response.fault = BrokerFault{"SOAP-ENV:Client", error.faultString(), std::string()};
@@ -170,12 +185,10 @@ BrokerResponse KXConnection::receive(BrokerOperation op) {
       takeAttachments(soap, *result);
     }
   }
-  soap_clr_dime(soap);
   if (soap->keep_alive == 0) {
     soap_closesock(soap);
   }
-  soap_destroy(soap);
-  soap_end(soap);
+  endSoapMessage(soap);
   return response;
 }
 
@@ -190,10 +203,8 @@ BrokerResponse KXConnection::transportFault() {
   BrokerResponse response;
   response.fault = BrokerFault{"SOAP-ENV:Client", faultString ? faultString : "",
                                faultDetail ? faultDetail : ""};
-  soap_clr_dime(soap);
   soap_closesock(soap);
-  soap_destroy(soap);
-  soap_end(soap);
+  endSoapMessage(soap);
   return response;
 }
 

@@ -17,15 +17,14 @@ namespace KX {
 class KXConnection {
  public:
   // timeoutSeconds > 0: connecting, sending and receiving each give up after that long.
-  // 0: connecting gives up after kConnectSeconds and sending after kSendSeconds, and a
-  // call waits for its answer as long as the remote method runs (a proxy's calls may
-  // legitimately block, "wait" without a limit for one).
+  // 0: connecting gives up after kConnectSeconds, and a call waits for its answer as long
+  // as the remote method runs (a proxy's calls may legitimately block, "wait" without a
+  // limit for one); TCP keep-alive probes find a peer machine that went away.
   KXConnection(std::string endpoint, KXModuleInfo module, int timeoutSeconds);
   KXConnection(const KXConnection&) = delete;
   KXConnection& operator=(const KXConnection&) = delete;
 
   static constexpr int kConnectSeconds = 10;
-  static constexpr int kSendSeconds = 60;
   // A peer machine that stops answering is found out after 10 + 3 x 5 seconds of silence.
   static constexpr unsigned kKeepAliveIdleSeconds = 10;
   static constexpr unsigned kKeepAliveIntervalSeconds = 5;
@@ -40,6 +39,9 @@ class KXConnection {
   // failure or an answer that cannot be read comes back as a fault worded by the runtime
   // (fault string and detail), like a fault the server sent; the socket is then closed.
   BrokerResponse exchange(const BrokerRequest& request);
+  // callVelmo or callVelmo2 of `method` on the connection's module, `param` sent from
+  // where it is (no copy of the request is made).
+  BrokerResponse call(BrokerOperation op, const std::string& method, const KXValue& param);
 
   // Shuts the socket down so that a call blocked on it returns (with a fault) at once.
   // Safe from any thread.
@@ -47,6 +49,8 @@ class KXConnection {
 
  private:
   int send(const BrokerRequest& request);
+  int sendCall(BrokerOperation op, const std::string& module, const std::string& method,
+               const KXValue& param);
   BrokerResponse receive(BrokerOperation op);
   BrokerResponse transportFault();
 

@@ -60,8 +60,7 @@ KXValue KXNetwork::callMethod(const int& connection, const std::string& method,
                               const KXValue& param) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "callMethod");
   const std::string& module = target->module().name;
-  BrokerResponse response =
-      target->exchange(BrokerRequest{BrokerOperation::callVelmo, {module, method, param}});
+  BrokerResponse response = target->call(BrokerOperation::callVelmo, method, param);
   if (response.fault) {
     throwCallFault(*response.fault, module, method, "callMethod");
   }
@@ -75,8 +74,7 @@ KXValue KXNetwork::callMethod(const int& connection, const std::string& method,
 int KXNetwork::pCallMethod(const int& connection, const std::string& method, const KXValue& param) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "pCallMethod");
   const std::string& module = target->module().name;
-  const BrokerResponse response =
-      target->exchange(BrokerRequest{BrokerOperation::callVelmo2, {module, method, param}});
+  const BrokerResponse response = target->call(BrokerOperation::callVelmo2, method, param);
   if (response.fault) {
     throwCallFault(*response.fault, module, method, "pCallMethod");
   }

@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "network/kxdimebuffers.h"
 #include "value/kxerror.h"
 
 // The gSOAP runtime refers to this global table when it initialises a context; every
@@ -40,6 +41,10 @@ KXSoapContext::KXSoapContext() : soap_(soap_new2(kInputMode, kOutputMode)) {
   // A peer that goes away mid-message is an error to report, never a signal that ends the
   // process.
   soap_->socket_flags = MSG_NOSIGNAL;
+  // Let the kernel size the socket buffers: large values go faster that way.
+  soap_->sndbuf = 0;
+  soap_->rcvbuf = 0;
+  installDimeBuffers(soap_);
 }
 
 KXSoapContext::KXSoapContext(struct soap* adopted) : soap_(adopted) {}
@@ -66,6 +71,7 @@ KXSoapContext& KXSoapContext::operator=(KXSoapContext&& other) noexcept {
 KXSoapContext::~KXSoapContext() { release(); }
 
 void KXSoapContext::freeMessageData() {
+  clearDimeBuffers(soap_);
   soap_destroy(soap_);
   soap_end(soap_);
 }

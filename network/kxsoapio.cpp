@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "network/kxbrokermessage.h"
+#include "network/kxdimebuffers.h"
 #include "network/kxvaluesoap.h"
 
 namespace KX {
@@ -70,14 +71,45 @@ int attachBinaries(struct soap* soap, const KXValue* value) {
   return SOAP_OK;
 }
 
-void takeAttachments(struct soap* soap, KXValue& parameter) {
+void takeAttachments(struct soap* soap, KXValue& value) {
   std::vector<KXValue*> leaves;
-  collectBinaryLeaves(parameter, leaves);
+  collectBinaryLeaves(value, leaves);
   std::size_t k = 0;
   for (const soap_multipart* part = soap->dime.list; part != nullptr && k < leaves.size();
        part = part->next, ++k) {
-    leaves[k]->setBinary(part->ptr, part->size);
+    if (std::vector<unsigned char>* buffer = receivedDimeBuffer(soap, *part)) {
+      leaves[k]->getBinary().swap(*buffer);
+    } else {
+      leaves[k]->setBinary(part->ptr, part->size);
+    }
   }
+}
+
+int finishSoapReceive(struct soap* soap) {
+  // Chunked and MIME bodies have trailers the runtime must read itself.
+  if ((soap->mode & SOAP_IO) == SOAP_IO_CHUNK || (soap->mode & SOAP_ENC_MIME) != 0) {
+    return soap_end_recv(soap);
+  }
+  // The envelope was read whole by readSoapEnvelope and parsed by us: there are no
+  // id/href references for the runtime to resolve, only the DIME attachments to read.
+  soap->part = SOAP_END;
+  if ((soap->mode & SOAP_ENC_DIME) != 0) {
+    if (soap_getdime(soap) != SOAP_OK) {
+      return soap->error;
+    }
+    soap->dime.list = soap->dime.first;
+    soap->dime.first = nullptr;
+    soap->dime.last = nullptr;
+  }
+  return SOAP_OK;
+}
+
+void endSoapMessage(struct soap* soap) {
+  clearDimeBuffers(soap);
+  soap_clr_dime(soap);
+  soap_destroy(soap);
+  // The next message clears the runtime's tables anyway: only the memory is freed here.
+  soap_dealloc(soap, nullptr);
 }
 
 }  // namespace KX

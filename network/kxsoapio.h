@@ -10,8 +10,8 @@
 namespace KX {
 
 // Reads the SOAP envelope of the message whose HTTP header soap_begin_recv has read: the
-// whole body, or the primary record of a DIME message (the runtime reads the attachments
-// in soap_end_recv). Reads at most one byte more than kBrokerMessageMaxBytes, so that an
+// whole body, or the primary record of a DIME message (finishSoapReceive reads the
+// attachments). Reads at most one byte more than kBrokerMessageMaxBytes, so that an
 // oversized message is refused without being buffered. False when a framed body ends early.
 bool readSoapEnvelope(struct soap* soap, std::string& envelope);
 
@@ -20,9 +20,17 @@ bool readSoapEnvelope(struct soap* soap, std::string& envelope);
 // are referenced, not copied: `value` must live until the message is sent.
 int attachBinaries(struct soap* soap, const KXValue* value);
 
-// Gives the k-th Binary leaf of `value` the k-th attachment received; leaves beyond the
-// attachments keep the bytes of their XML form.
+// Gives the k-th Binary leaf of `value` the k-th attachment received (moving the bytes,
+// not copying them); leaves beyond the attachments keep the bytes of their XML form.
 void takeAttachments(struct soap* soap, KXValue& value);
+
+// Ends the reading of a message whose envelope readSoapEnvelope has read: reads its DIME
+// attachments (into soap->dime.list). SOAP_OK or the runtime's error.
+int finishSoapReceive(struct soap* soap);
+
+// Frees what the last message left in the context (data, attachments), keeping the
+// connection.
+void endSoapMessage(struct soap* soap);
 
 }  // namespace KX
 

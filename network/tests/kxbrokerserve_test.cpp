@@ -1,4 +1,5 @@
 #include "network/kxbrokerserve.h"
+#include "network/kxdimebuffers.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -464,7 +465,10 @@ TEST(KXBrokerServeTest, BinaryLeavesTravelAsDimeAttachmentsInWalkOrder) {
        part = part->next, ++count) {
     EXPECT_STREQ(part->type, "application/octet-stream");
     EXPECT_STREQ(part->id, "image");
-    attachments.emplace_back(part->ptr, part->ptr + part->size);
+    // Received into the context's own buffers, not the runtime's.
+    std::vector<unsigned char>* buffer = receivedDimeBuffer(client.get(), *part);
+    ASSERT_NE(buffer, nullptr);
+    attachments.push_back(*buffer);
   }
   ASSERT_EQ(attachments.size(), 2u);
   KXValue echoed = kxValueFromSoap(result);
