@@ -122,8 +122,14 @@ kx__KXModuleInfo* recordsOf(struct soap* soap, const BrokerResponse& response, i
 int sendAnswer(struct soap* soap, BrokerOperation op, const BrokerResponse& response) {
   switch (op) {
     case BrokerOperation::callVelmo: {
-      KX_NEW_RESPONSE(callVelmo, out);
       const KXValue* result = itemOf<KXValue>(response, 0);
+      if (result != nullptr && !hasBinaryLeaves(*result)) {
+        // Written in one pass and sent in one piece: the common, small answer.
+        std::string envelope;
+        writeCallResponse(envelope, false, *result);
+        return sendResponseEnvelope(soap, envelope);
+      }
+      KX_NEW_RESPONSE(callVelmo, out);
       out.kxbroker__return = valueOf(soap, result);
       if (attachBinaries(soap, result) != SOAP_OK) {
         return soap->error;
@@ -288,13 +294,10 @@ std::string peerAddress(SOAP_SOCKET socket) {
   return host;
 }
 
-BrokerPeer peerOf(struct soap* soap) {
-  return BrokerPeer{soap->endpoint, peerAddress(soap->socket)};
-}
-
 // Serves one request whose HTTP header has been read. Returns SOAP_OK when the connection
 // can carry the next request, else the runtime's error code.
-int serveRequest(struct soap* soap, const BrokerRequestHandler& handler) {
+int serveRequest(struct soap* soap, const BrokerRequestHandler& handler,
+                 const std::string& peerIp) {
   // Requests come as HTTP POSTs framed by a length, chunks or DIME records; anything else
   // (bytes that are no HTTP at all, say) has no end that we could wait for.
   if (soap->status != SOAP_POST) {
@@ -330,7 +333,7 @@ int serveRequest(struct soap* soap, const BrokerRequestHandler& handler) {
         takeAttachments(soap, *parameter);
       }
     }
-    response = handler(request, peerOf(soap));
+    response = handler(request, BrokerPeer{soap->endpoint, peerIp});
   } catch (const KXError& error) {
     return brokerOperationIsOneWay(op) ? SOAP_OK
                                        : sendFault(soap, kxErrorDescription(error), detail);
@@ -362,6 +365,8 @@ std::string kxErrorDescription(const KXError& error) {
 }
 
 int serveBrokerConnection(struct soap* soap, const BrokerRequestHandler& handler) {
+  // The peer of a connection does not change: asked once.
+  const std::string peerIp = peerAddress(soap->socket);
   // Counted down as the generated skeleton does: max_keep_alive requests, 0 for no limit.
   soap->keep_alive = soap->max_keep_alive + 1;
   do {
@@ -392,7 +397,7 @@ int serveBrokerConnection(struct soap* soap, const BrokerRequestHandler& handler
       soap_end(soap);
       return error;
     }
-    const int result = serveRequest(soap, handler);
+    const int result = serveRequest(soap, handler, peerIp);
     endSoapMessage(soap);
     if (result != SOAP_OK) {
       soap->keep_alive = 0;

@@ -20,6 +20,82 @@ KXValue kxValueFromSoap(const char* xml) {
   return value;
 }
 
+namespace {
+
+constexpr char kEnvelopeStart[] =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    "<SOAP-ENV:Envelope xmlns:SOAP-ENV=\"http://schemas.xmlsoap.org/soap/envelope/\" "
+    "xmlns:SOAP-ENC=\"http://schemas.xmlsoap.org/soap/encoding/\" "
+    "xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
+    "xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\" xmlns:kxbroker=\"urn:kxbroker\" "
+    "xmlns:kx=\"urn:korvane\"><SOAP-ENV:Body "
+    "SOAP-ENV:encodingStyle=\"http://schemas.xmlsoap.org/soap/encoding/\">";
+constexpr char kEnvelopeEnd[] = "</SOAP-ENV:Body></SOAP-ENV:Envelope>\r\n";
+
+// Element text as the runtime escapes it.
+void appendText(std::string& out, const std::string& text) {
+  for (const char c : text) {
+    switch (c) {
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      default: {
+        const auto byte = static_cast<unsigned char>(c);
+        if ((byte < 0x20 && c != '\t' && c != '\n') || byte == 0x7F) {
+          static const char kHex[] = "0123456789ABCDEF";
+          out += "&#x";
+          if (byte >= 0x10) {
+            out += kHex[byte >> 4];
+          }
+          out += kHex[byte & 0xF];
+          out += ';';
+        } else {
+          out += c;
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+
+void writeCallRequest(std::string& out, bool callVelmo2, const std::string& module,
+                      const std::string& method, const KXValue& param) {
+  const char* element = callVelmo2 ? "kxbroker:callVelmo2" : "kxbroker:callVelmo";
+  out.assign(kEnvelopeStart);
+  out += '<';
+  out += element;
+  out += "><kxbroker:mod>";
+  appendText(out, module);
+  out += "</kxbroker:mod><kxbroker:meth>";
+  appendText(out, method);
+  out += "</kxbroker:meth><kxbroker:p xsi:type=\"xsd:anyType\">";
+  writeKXValue(param, out, false);
+  out += "</kxbroker:p></";
+  out += element;
+  out += '>';
+  out += kEnvelopeEnd;
+}
+
+void writeCallResponse(std::string& out, bool callVelmo2, const KXValue& result) {
+  const char* element = callVelmo2 ? "kxbroker:callVelmo2Response" : "kxbroker:callVelmoResponse";
+  out.assign(kEnvelopeStart);
+  out += '<';
+  out += element;
+  out += "><kxbroker:return xsi:type=\"xsd:anyType\">";
+  writeKXValue(result, out, false);
+  out += "</kxbroker:return></";
+  out += element;
+  out += '>';
+  out += kEnvelopeEnd;
+}
+
 void kxModuleInfoToSoap(struct soap* soap, const KXModuleInfo& info, kx__KXModuleInfo& record) {
   soap_default_kx__KXModuleInfo(soap, &record);
   record.name = soap_strdup(soap, info.name.c_str());

@@ -12,6 +12,8 @@
 
 #include <stdsoap2.h>
 
+#include <string>
+
 #include "kxsoapH.h"
 #include "module/kxmoduleinfo.h"
 #include "value/kxvalue.h"
@@ -25,6 +27,14 @@ char* kxValueToSoap(struct soap* soap, const KXValue& value);
 // The KXValue that a KXValue child carries: `xml` is the child's inner XML, null for an
 // absent child (giving Invalid). Raises what readKXValueFromXml raises.
 KXValue kxValueFromSoap(const char* xml);
+
+// The whole envelope of a callVelmo or callVelmo2 request, as the generated serializer
+// writes it: written directly, in one pass, for the calls that carry no attachment.
+// `callVelmo2` selects the element names. Raises what writeKXValue raises.
+void writeCallRequest(std::string& out, bool callVelmo2, const std::string& module,
+                      const std::string& method, const KXValue& param);
+// The whole envelope of the answer to callVelmo (or callVelmo2): the result as `return`.
+void writeCallResponse(std::string& out, bool callVelmo2, const KXValue& result);
 
 // `info` as a kx:KXModuleInfo record, its strings allocated in `soap` (modulePointer 0).
 void kxModuleInfoToSoap(struct soap* soap, const KXModuleInfo& info, kx__KXModuleInfo& record);

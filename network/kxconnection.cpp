@@ -8,6 +8,7 @@
 #include "kxsoapH.h"
 #include "network/kxbrokersoap.h"
 #include "network/kxsoapio.h"
+#include "network/kxvaluesoap.h"
 #include "value/kxerror.h"
 
 namespace KX {
@@ -59,8 +60,13 @@ KXConnection::KXConnection(std::string endpoint, KXModuleInfo module, int timeou
 int KXConnection::sendCall(BrokerOperation op, const std::string& module, const std::string& method,
                            const KXValue& param) {
   struct soap* soap = soap_.get();
+  if (op == BrokerOperation::callVelmo2 || !hasBinaryLeaves(param)) {
+    // Written in one pass and sent in one piece: the common, small call.
+    writeCallRequest(envelope_, op == BrokerOperation::callVelmo2, module, method, param);
+    return sendRequestEnvelope(soap, endpoint_.c_str(), envelope_);
+  }
   char* xml = kxValueToSoap(soap, param);
-  if (op == BrokerOperation::callVelmo && attachBinaries(soap, &param) != SOAP_OK) {
+  if (attachBinaries(soap, &param) != SOAP_OK) {
     return soap->error;
   }
   char* mod = const_cast<char*>(module.c_str());

@@ -58,6 +58,7 @@ class KXConnection {
   const KXModuleInfo module_;
   std::mutex lock_;  // held for a whole call
   KXSoapContext soap_;
+  std::string envelope_;  // guarded by lock_: the last request written, its memory reused
   // The socket of the call in progress, for interrupt(); -1 when there is none.
   std::mutex socketLock_;
   int activeSocket_ = -1;

@@ -29,7 +29,10 @@ const struct Namespace* kxBrokerNamespaces() { return namespaces; }
 namespace {
 
 constexpr soap_mode kInputMode = SOAP_IO_KEEPALIVE | SOAP_XML_TREE | SOAP_C_UTFSTRING;
-constexpr soap_mode kOutputMode = SOAP_IO_KEEPALIVE | SOAP_XML_TREE | SOAP_C_UTFSTRING;
+// Buffered output: a message's HTTP header and body leave in one send (up to the buffer's
+// 64 KiB), which both saves system calls and keeps small calls out of TCP's way.
+constexpr soap_mode kOutputMode =
+    SOAP_IO_KEEPALIVE | SOAP_IO_BUFFER | SOAP_XML_TREE | SOAP_C_UTFSTRING;
 
 }  // namespace
 

@@ -85,6 +85,44 @@ void takeAttachments(struct soap* soap, KXValue& value) {
   }
 }
 
+namespace {
+
+// The runtime frames a message of known length (Content-Length) and buffers it, so that
+// the HTTP header and the envelope leave in one send.
+void prepareKnownLength(struct soap* soap, std::size_t length) {
+  // Plain XML, whatever the message received was (a DIME request leaves the runtime set
+  // to answer in DIME).
+  soap_clr_dime(soap);
+  soap_clr_mime(soap);
+  // Attachments received with the request have been taken: none is to go out.
+  soap->dime.list = nullptr;
+  soap->mime.list = nullptr;
+  soap->error = SOAP_OK;
+  soap->count = length;
+}
+
+}  // namespace
+
+int sendRequestEnvelope(struct soap* soap, const char* endpoint, const std::string& envelope) {
+  prepareKnownLength(soap, envelope.size());
+  if (soap_connect(soap, endpoint, "") != SOAP_OK ||
+      soap_send_raw(soap, envelope.data(), envelope.size()) != SOAP_OK ||
+      soap_end_send(soap) != SOAP_OK) {
+    return soap_closesock(soap);
+  }
+  return SOAP_OK;
+}
+
+int sendResponseEnvelope(struct soap* soap, const std::string& envelope) {
+  prepareKnownLength(soap, envelope.size());
+  if (soap_response(soap, SOAP_OK) != SOAP_OK ||
+      soap_send_raw(soap, envelope.data(), envelope.size()) != SOAP_OK ||
+      soap_end_send(soap) != SOAP_OK) {
+    return soap->error;
+  }
+  return SOAP_OK;
+}
+
 int finishSoapReceive(struct soap* soap) {
   // Chunked and MIME bodies have trailers the runtime must read itself.
   if ((soap->mode & SOAP_IO) == SOAP_IO_CHUNK || (soap->mode & SOAP_ENC_MIME) != 0) {
@@ -107,6 +145,9 @@ int finishSoapReceive(struct soap* soap) {
 void endSoapMessage(struct soap* soap) {
   clearDimeBuffers(soap);
   soap_clr_dime(soap);
+  // The attachment records go with the message's memory below.
+  soap->dime.list = nullptr;
+  soap->mime.list = nullptr;
   soap_destroy(soap);
   // The next message clears the runtime's tables anyway: only the memory is freed here.
   soap_dealloc(soap, nullptr);

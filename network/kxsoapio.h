@@ -24,6 +24,15 @@ int attachBinaries(struct soap* soap, const KXValue* value);
 // not copying them); leaves beyond the attachments keep the bytes of their XML form.
 void takeAttachments(struct soap* soap, KXValue& value);
 
+// Sends a whole request envelope written by us (no attachments) as an HTTP POST to
+// `endpoint`, connecting first when the connection is not open. SOAP_OK or the runtime's
+// error (the socket is then closed).
+int sendRequestEnvelope(struct soap* soap, const char* endpoint, const std::string& envelope);
+
+// Sends a whole response envelope written by us (no attachments) as the HTTP answer to the
+// request being served. SOAP_OK or the runtime's error.
+int sendResponseEnvelope(struct soap* soap, const std::string& envelope);
+
 // Ends the reading of a message whose envelope readSoapEnvelope has read: reads its DIME
 // attachments (into soap->dime.list). SOAP_OK or the runtime's error.
 int finishSoapReceive(struct soap* soap);

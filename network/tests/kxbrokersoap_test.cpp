@@ -154,3 +154,46 @@ TEST(KXBrokerSoapTest, FaultCarriesClientCodeStringAndDetail) {
 
 }  // namespace
 }  // namespace KX
+
+namespace KX {
+namespace {
+
+// The calls are written directly, without the generated serializers: byte for byte what
+// those write.
+TEST(KXBrokerSoapTest, CallsWrittenDirectlyMatchTheGeneratedSerializers) {
+  const KXValue param =
+      arrayOf({KXValue("k<e>y & \"q\" 'a'"), KXValue(42), KXValue(1.5f), arrayOf({KXValue(true)})});
+  for (const bool second : {false, true}) {
+    for (const std::string module : {std::string("KXMemory"), std::string("a<&>\"'b"),
+                                     std::string("t\tn\nr\rc\x01\x1f\x7f\xc3\xa9")}) {
+      KXSoapContext context;
+      const std::string generated = messageOf(context, [&](struct soap* soap) {
+        struct kxbroker__callVelmo request;
+        soap_default_kxbroker__callVelmo(soap, &request);
+        request.kxbroker__mod = soap_strdup(soap, module.c_str());
+        request.kxbroker__meth = soap_strdup(soap, "get&Data");
+        request.kxbroker__p = kxValueToSoap(soap, param);
+        return soap_put_kxbroker__callVelmo(
+            soap, &request, second ? "kxbroker:callVelmo2" : "kxbroker:callVelmo", "");
+      });
+      std::string direct;
+      writeCallRequest(direct, second, module, "get&Data", param);
+      EXPECT_EQ(direct, generated);
+    }
+    KXSoapContext context;
+    const std::string generated = messageOf(context, [&](struct soap* soap) {
+      struct kxbroker__callVelmoResponse response;
+      soap_default_kxbroker__callVelmoResponse(soap, &response);
+      response.kxbroker__return = kxValueToSoap(soap, param);
+      return soap_put_kxbroker__callVelmoResponse(
+          soap, &response, second ? "kxbroker:callVelmo2Response" : "kxbroker:callVelmoResponse",
+          "");
+    });
+    std::string direct;
+    writeCallResponse(direct, second, param);
+    EXPECT_EQ(direct, generated);
+  }
+}
+
+}  // namespace
+}  // namespace KX
