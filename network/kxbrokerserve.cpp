@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
 #include <string>
 #include <utility>
@@ -272,6 +273,30 @@ std::string faultDetailOf(const BrokerRequest& request) {
   return std::string();
 }
 
+// The bytes of the next request that arrived with this one (a pipelining client): the
+// runtime writes the answer through the same buffer, so they are kept aside meanwhile and
+// put back once the answer is sent.
+class PendingInput {
+ public:
+  explicit PendingInput(struct soap* soap)
+      : soap_(soap),
+        bytes_(soap->buf + soap->bufidx, soap->buflen - soap->bufidx),
+        ahead_(soap->ahead) {}
+  ~PendingInput() {
+    std::memcpy(soap_->buf, bytes_.data(), bytes_.size());
+    soap_->bufidx = 0;
+    soap_->buflen = bytes_.size();
+    soap_->ahead = ahead_;
+  }
+  PendingInput(const PendingInput&) = delete;
+  PendingInput& operator=(const PendingInput&) = delete;
+
+ private:
+  struct soap* const soap_;
+  const std::string bytes_;
+  const soap_wchar ahead_;
+};
+
 // The peer's address as text ("" when the socket cannot say).
 std::string peerAddress(SOAP_SOCKET socket) {
   sockaddr_storage address{};
@@ -310,6 +335,7 @@ int serveRequest(struct soap* soap, const BrokerRequestHandler& handler,
   }
   // The answer is SOAP 1.1 whatever the request claimed; the reader has checked it.
   soap_set_version(soap, 1);
+  const PendingInput pending(soap);
 
   BrokerRequest request;
   try {
@@ -367,8 +393,9 @@ std::string kxErrorDescription(const KXError& error) {
 int serveBrokerConnection(struct soap* soap, const BrokerRequestHandler& handler) {
   // The peer of a connection does not change: asked once.
   const std::string peerIp = peerAddress(soap->socket);
-  // Counted down as the generated skeleton does: max_keep_alive requests, 0 for no limit.
-  soap->keep_alive = soap->max_keep_alive + 1;
+  // Counted down as the generated skeleton does: max_keep_alive requests. Without a limit
+  // the answers say "keep-alive" with no count of requests left.
+  soap->keep_alive = soap->max_keep_alive > 0 ? soap->max_keep_alive + 1 : -1;
   do {
     if (soap->keep_alive > 0 && soap->max_keep_alive > 0) {
       --soap->keep_alive;

@@ -276,7 +276,20 @@ void KXNetwork::listenRequest() {
     return;
   }
   server->acceptLoop([this] { return keepRunning(); },
-                     [&pool](const std::shared_ptr<KXTask>& task) { return pool->enqueue(task); });
+                     [&pool](const std::shared_ptr<KXTask>& task) {
+                       if (!pool->enqueue(task)) {
+                         return false;
+                       }
+                       // A connection holds its worker for as long as its peer keeps it
+                       // open: rather than wait minutes for one to come free, the pool
+                       // grows to the connections waiting (up to its maximum).
+                       const int queued = pool->getQueueLength();
+                       const int room = pool->getMaxThreadCount() - pool->getThreadCount();
+                       if (queued > 0 && room > 0) {
+                         pool->resize(std::min(queued, room));
+                       }
+                       return true;
+                     });
 }
 
 // ---------------------------------------------------------------- the parent

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -22,6 +23,7 @@
 #include "broker/kxbrokermanager.h"
 #include "log/sdklayout.h"
 #include "module/kxproxy.h"
+#include "module/kxtaskmonitor.h"
 #include "module/tests/proxy_test_support.h"
 #include "network/tests/wire_test_support.h"
 
@@ -52,11 +54,6 @@ KXValue binaryOf(const std::string& bytes) {
   KXValue value;
   value.setBinary(bytes.data(), bytes.size());
   return value;
-}
-
-std::string bytesOf(const KXValue& binary) {
-  const auto& bytes = binary.getBinary();
-  return std::string(bytes.begin(), bytes.end());
 }
 
 std::string callVelmo(const std::string& op, const std::string& module, const std::string& method,
@@ -250,10 +247,12 @@ class BrokerWireTest : public ::testing::Test {
     return result;
   }
 
-  Fault expectFault(const HttpReply& reply) {
+  // `keepsConnection`: the fault leaves the connection open for the next request.
+  Fault expectFault(const HttpReply& reply, bool keepsConnection = true) {
     EXPECT_EQ(reply.status(), 500) << reply.header;
-    // A fault leaves the connection open for the next request.
-    EXPECT_NE(reply.field("Connection").value_or(""), "close") << reply.header;
+    if (keepsConnection) {
+      EXPECT_NE(reply.field("Connection").value_or(""), "close") << reply.header;
+    }
     SoapEnvelope soap(reply.body);
     Fault fault;
     EXPECT_EQ(soap.problem(), "") << reply.body;
@@ -355,7 +354,9 @@ TEST_F(BrokerWireTest, PCallVelmoNIsAnsweredAndRunsNothing) {
   SoapEnvelope soap(reply.body);
   const std::vector<const XMLElement*> children =
       answerChildren(expectAnswer(reply, soap, "pCallVelmoNResponse"), "return");
-  EXPECT_LE(children.size(), 1u) << reply.body;
+  // Its one `return` carries nothing: an Invalid value.
+  ASSERT_EQ(children.size(), 1u) << reply.body;
+  EXPECT_EQ(children[0]->FirstChildElement(), nullptr) << reply.body;
   // A posted add would run on the pool; a synchronous one, answered after it, counts 1 only
   // when the first ran nowhere.
   EXPECT_EQ(singleValue(ask(connection, callVelmo("Calc", "add", list({KXValue(1), KXValue(1)}))),
@@ -466,6 +467,27 @@ TEST_F(BrokerWireTest, TreeListsIncludeARegisteredChild) {
   EXPECT_EQ(skipped.string, "unable to explore to get a module by name for: 'Deep'");
 }
 
+TEST_F(BrokerWireTest, TheHostHeaderNamesTheBrokerThatAnswers) {
+  ASSERT_NO_FATAL_FAILURE(startChild());
+  const std::string request = simple("getBrokerName");
+  const auto brokerNameVia = [&](int connectTo, const std::string& host) {
+    WireConnection connection(connectTo);
+    EXPECT_TRUE(connection.connected());
+    EXPECT_TRUE(connection.sendAll("POST /path HTTP/1.1\r\nHost: " + host +
+                                   "\r\nContent-Type: text/xml; charset=utf-8\r\nContent-Length: " +
+                                   std::to_string(request.size()) + "\r\n\r\n" + request));
+    std::optional<HttpReply> reply = connection.read();
+    EXPECT_TRUE(reply.has_value());
+    return reply ? singleText(*reply, "getBrokerNameResponse", "pBrokerName") : std::string();
+  };
+  const std::string childPort = std::to_string(child_->getPort());
+  EXPECT_EQ(brokerNameVia(child_->getPort(), "127.0.0.1:" + childPort), childName_);
+  EXPECT_EQ(brokerNameVia(port_, "127.0.0.1:" + std::to_string(port_)), brokerName_);
+  // Both brokers live in this process: the port in the Host header decides, whichever
+  // socket the request came through.
+  EXPECT_EQ(brokerNameVia(port_, "127.0.0.1:" + childPort), childName_);
+}
+
 TEST_F(BrokerWireTest, GetBrokerListOfALoneBrokerIsItself) {
   const std::vector<WireRecord> brokers =
       records(ask(simple("getBrokerList")), "getBrokerListResponse");
@@ -502,6 +524,68 @@ TEST_F(BrokerWireTest, RegisterBrokerListsTheChildAndUnregisterBrokerRemovesIt) 
                                                                    wire::recordFields(child))));
   EXPECT_EQ(singleText(unregistered, "unregisterBrokerResponse", "unused"), "0");
   EXPECT_TRUE(broker_->getChildBrokers().empty());
+}
+
+// Two requests in one write (HTTP/1.1 pipelining): the second waits in the server's input
+// buffer while the first is answered.
+TEST_F(BrokerWireTest, RequestsSentTogetherAreAnsweredInOrder) {
+  WireConnection connection(port_);
+  ASSERT_TRUE(connection.connected());
+  const std::string first = callVelmo("Calc", "add", list({KXValue(1), KXValue(2)}));
+  const std::string second = simple("getBrokerName");
+  ASSERT_TRUE(connection.sendAll(connection.postHeader(first.size()) + first +
+                                 connection.postHeader(second.size()) + second));
+  const std::optional<HttpReply> sum = connection.read();
+  ASSERT_TRUE(sum.has_value());
+  EXPECT_EQ(singleValue(*sum, "callVelmoResponse"), KXValue(3));
+  const std::optional<HttpReply> name = connection.read();
+  ASSERT_TRUE(name.has_value()) << "the second request of the write was never answered";
+  EXPECT_EQ(singleText(*name, "getBrokerNameResponse", "pBrokerName"), brokerName_);
+}
+
+TEST_F(BrokerWireTest, AOneWayRequestAndTheNextSentTogetherAreBothCarriedOut) {
+  const std::shared_ptr<KXProxy> before = broker_->getProxy("Calc");
+  WireConnection connection(port_);
+  ASSERT_TRUE(connection.connected());
+  const std::string oneWay =
+      simple("unregisterModuleReference", textChild("kxbroker:moduleName", "Calc"));
+  const std::string next = simple("getBrokerName");
+  ASSERT_TRUE(connection.sendAll(connection.postHeader(oneWay.size()) + oneWay +
+                                 connection.postHeader(next.size()) + next));
+  const std::optional<HttpReply> name = connection.read();
+  ASSERT_TRUE(name.has_value());
+  EXPECT_EQ(singleText(*name, "getBrokerNameResponse", "pBrokerName"), brokerName_);
+  EXPECT_NE(broker_->getProxy("Calc"), before);
+}
+
+TEST_F(BrokerWireTest, AChunkedRequestIsServed) {
+  WireConnection connection(port_);
+  ASSERT_TRUE(connection.connected());
+  const std::string body = callVelmo("Calc", "add", list({KXValue(40), KXValue(2)}));
+  const std::size_t half = body.size() / 2;
+  const auto chunk = [](const std::string& data) {
+    char size[16];
+    std::snprintf(size, sizeof(size), "%zx", data.size());
+    return std::string(size) + "\r\n" + data + "\r\n";
+  };
+  ASSERT_TRUE(connection.sendAll(
+      "POST / HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port_) +
+      "\r\nContent-Type: text/xml; charset=utf-8\r\nTransfer-Encoding: chunked\r\n\r\n" +
+      chunk(body.substr(0, half)) + chunk(body.substr(half)) + "0\r\n\r\n"));
+  const std::optional<HttpReply> reply = connection.read();
+  ASSERT_TRUE(reply.has_value());
+  EXPECT_EQ(singleValue(*reply, "callVelmoResponse"), KXValue(42));
+  // The connection carries the next request.
+  EXPECT_EQ(singleText(ask(connection, simple("version")), "versionResponse", "pVersion"), "1.14");
+}
+
+TEST_F(BrokerWireTest, ASoapHeaderBeforeTheBodyIsSkipped) {
+  const std::string withHeader =
+      std::string("<?xml version=\"1.0\"?><SOAP-ENV:Envelope xmlns:SOAP-ENV=\"") +
+      wire::kEnvelopeUri + "\" xmlns:kxbroker=\"urn:kxbroker\"><SOAP-ENV:Header><t>1</t>" +
+      "</SOAP-ENV:Header><SOAP-ENV:Body><kxbroker:getBrokerName/></SOAP-ENV:Body>" +
+      "</SOAP-ENV:Envelope>";
+  EXPECT_EQ(singleText(ask(withHeader), "getBrokerNameResponse", "pBrokerName"), brokerName_);
 }
 
 TEST_F(BrokerWireTest, UnregisterModuleReferenceIsOneWayAndDropsTheSharedProxy) {
@@ -836,6 +920,84 @@ TEST_F(BrokerWireTest, MalformedXmlFaultsAndTheConnectionGoesOn) {
   expectServing();
 }
 
+TEST_F(BrokerWireTest, AnEmptyBodyFaultsAndTheServerGoesOn) {
+  {
+    WireConnection connection(port_);
+    const Fault fault = expectFault(ask(connection, ""), false);
+    EXPECT_EQ(fault.code, "SOAP-ENV:Client");
+    EXPECT_FALSE(fault.string.empty());
+  }
+  expectServing();
+}
+
+TEST_F(BrokerWireTest, OneConnectionCarriesManyRequests) {
+  WireConnection connection(port_);
+  int answered = 0;
+  for (int i = 0; i < 250; ++i) {
+    if (!connection.post(callVelmo("Calc", "add", list({KXValue(i), KXValue(1)})))) break;
+    const std::optional<HttpReply> reply = connection.read();
+    if (!reply) break;
+    if (reply->body.find("<item xsi:type=\"xsd:int\">" + std::to_string(i + 1) + "</item>") !=
+        std::string::npos) {
+      ++answered;
+    }
+  }
+  EXPECT_EQ(answered, 250);
+}
+
+TEST_F(BrokerWireTest, ADeeplyNestedValueFaultsWithoutHarm) {
+  WireConnection connection(port_);
+  for (const int depth : {70, 5000, 200000}) {
+    std::string value;
+    for (int i = 0; i < depth; ++i) value += "<item xsi:type=\"Array\">";
+    for (int i = 0; i < depth; ++i) value += "</item>";
+    const Fault fault = expectFault(
+        ask(connection,
+            envelope(operation("callVelmo", textChild("kxbroker:mod", "Calc") +
+                                                textChild("kxbroker:meth", "echo") +
+                                                "<kxbroker:p>" + value + "</kxbroker:p>"))));
+    EXPECT_EQ(fault.code, "SOAP-ENV:Client") << depth;
+    EXPECT_FALSE(fault.string.empty()) << depth;
+  }
+  EXPECT_EQ(singleText(ask(connection, simple("version")), "versionResponse", "pVersion"), "1.14");
+}
+
+TEST_F(BrokerWireTest, AnArrayDeclaringAHugeLengthIsReadByItsElements) {
+  WireConnection connection(port_);
+  for (const std::string declared : {"2000000000", "-5", "99999999999999999999"}) {
+    const std::string value = "<item xsi:type=\"Array\" SOAP-ENC:arrayType=\"xsd:int[" + declared +
+                              "]\"><item>4</item><item>5</item></item>";
+    const HttpReply reply =
+        ask(connection,
+            envelope(operation("callVelmo", textChild("kxbroker:mod", "Calc") +
+                                                textChild("kxbroker:meth", "echo") +
+                                                "<kxbroker:p xsi:type=\"xsd:anyType\"><item "
+                                                "xsi:type=\"Array\">" +
+                                                value + "</item></kxbroker:p>")));
+    // The elements present are what the array holds, whatever length it declared.
+    EXPECT_EQ(singleValue(reply, "callVelmoResponse"), list({KXValue(4), KXValue(5)}))
+        << declared << "\n"
+        << reply.body.substr(0, 1500);
+  }
+  expectServing();
+}
+
+TEST_F(BrokerWireTest, AClientThatAsksToCloseIsAnsweredThenClosed) {
+  const std::string body = simple("getBrokerName");
+  for (const std::string start :
+       {"POST / HTTP/1.1\r\nConnection: close\r\n", "POST / HTTP/1.0\r\n"}) {
+    WireConnection connection(port_);
+    ASSERT_TRUE(connection.connected());
+    ASSERT_TRUE(connection.sendAll(start + "Host: 127.0.0.1:" + std::to_string(port_) +
+                                   "\r\nContent-Type: text/xml\r\nContent-Length: " +
+                                   std::to_string(body.size()) + "\r\n\r\n" + body));
+    const std::optional<HttpReply> reply = connection.read();
+    ASSERT_TRUE(reply.has_value()) << start;
+    EXPECT_EQ(singleText(*reply, "getBrokerNameResponse", "pBrokerName"), brokerName_);
+    EXPECT_TRUE(connection.waitForClose()) << start;
+  }
+}
+
 TEST_F(BrokerWireTest, AHugeAnnouncedLengthThenCloseLeavesTheServerServing) {
   {
     WireConnection huge(port_);
@@ -845,7 +1007,7 @@ TEST_F(BrokerWireTest, AHugeAnnouncedLengthThenCloseLeavesTheServerServing) {
   expectServing();
 }
 
-TEST_F(BrokerWireTest, AMessageBeyondTheLimitIsRefusedWithoutBeingKept) {
+TEST_F(BrokerWireTest, AMessageBeyondTheLimitIsRefusedAndItsConnectionClosed) {
   WireConnection huge(port_);
   ASSERT_TRUE(huge.connected());
   const std::size_t announced = 100u * 1024u * 1024u;
@@ -875,6 +1037,25 @@ TEST_F(BrokerWireTest, AnOpenHalfRequestDoesNotBlockOtherClients) {
   ASSERT_TRUE(announced.sendAll(announced.postHeader(100u * 1024u * 1024u) + "<SOAP-ENV:Envelope"));
   expectServing();
   expectServing();
+}
+
+// Every connection is served by a worker of the broker's pool, which starts with 10; a
+// client that sends half a request holds its worker until the receive timeout. Clients that
+// come later must still find a worker (the pool may grow to 200).
+TEST_F(BrokerWireTest, MoreStalledClientsThanStartingWorkersDoNotBlockOthers) {
+  std::vector<std::unique_ptr<WireConnection>> stalled;
+  for (int i = 0; i < 60; ++i) {
+    stalled.push_back(std::make_unique<WireConnection>(port_));
+    ASSERT_TRUE(stalled.back()->connected());
+    ASSERT_TRUE(stalled.back()->sendAll(
+        "POST / HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port_) + "\r\n"));
+  }
+  expectServing();
+  if (HasFailure()) return;
+  // A posted call still finds a worker.
+  singleValue(ask(callVelmo("callVelmo2", "Calc", "add", list({KXValue(1), KXValue(1)}))),
+              "callVelmo2Response");
+  EXPECT_TRUE(eventually([this] { return calc_->addCalls.load() == 2; }));
 }
 
 TEST_F(BrokerWireTest, ManyClientsAtOnceAreEachAnsweredCorrectly) {
@@ -936,9 +1117,11 @@ struct DimeAnswer {
   std::vector<wire::DimeRecord> attachments;
 };
 
-// Sends `parameter` to Calc.echo with `attachments`, and reads the DIME answer.
+// Sends `parameter` to Calc.echo with `attachments`, and reads the answer: a DIME message
+// unless `answerIsDime` is false.
 std::optional<DimeAnswer> echoWithAttachments(int port, const KXValue& parameter,
-                                              const std::vector<std::string>& attachments) {
+                                              const std::vector<std::string>& attachments,
+                                              bool answerIsDime = true) {
   WireConnection connection(port);
   if (!connection.post(wire::dimeMessage(dimeEcho(parameter), attachments), "application/dime")) {
     ADD_FAILURE() << "send failed";
@@ -950,13 +1133,24 @@ std::optional<DimeAnswer> echoWithAttachments(int port, const KXValue& parameter
     return std::nullopt;
   }
   EXPECT_EQ(reply->status(), 200) << reply->header;
+  DimeAnswer answer;
+  if (!answerIsDime) {
+    // A result without Binary leaves goes back as a plain envelope.
+    EXPECT_EQ(reply->field("Content-Type").value_or(""), "text/xml; charset=utf-8")
+        << reply->header;
+    SoapEnvelope soap(reply->body);
+    EXPECT_EQ(soap.problem(), "");
+    if (soap.body().size() == 1 && soap.body()[0]->FirstChildElement() != nullptr) {
+      answer.value = wire::valueIn(*soap.body()[0]->FirstChildElement());
+    }
+    return answer;
+  }
   EXPECT_EQ(reply->field("Content-Type").value_or(""), "application/dime") << reply->header;
   const auto records = wire::parseDime(reply->body);
   if (!records || records->empty()) {
     ADD_FAILURE() << "not a DIME message: " << reply->body.substr(0, 500);
     return std::nullopt;
   }
-  DimeAnswer answer;
   SoapEnvelope soap((*records)[0].data);
   EXPECT_EQ(soap.problem(), "");
   EXPECT_EQ(soap.body().size(), 1u);
@@ -1011,7 +1205,8 @@ TEST_F(BrokerWireTest, MoreAttachmentsThanBinaryLeavesAreIgnored) {
 }
 
 TEST_F(BrokerWireTest, AttachmentsWithoutBinaryLeavesAreIgnored) {
-  const std::optional<DimeAnswer> answer = echoWithAttachments(port_, KXValue("plain"), {"unused"});
+  const std::optional<DimeAnswer> answer =
+      echoWithAttachments(port_, KXValue("plain"), {"unused"}, false);
   ASSERT_TRUE(answer.has_value());
   EXPECT_EQ(answer->value, KXValue("plain"));
   EXPECT_TRUE(answer->attachments.empty());
@@ -1051,6 +1246,11 @@ TEST(BrokerWireExitTest, ExitIsOneWayAndShutsTheBrokerDown) {
       KXBroker::createBroker(name, "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive);
   ASSERT_NE(broker, nullptr);
   const int port = broker->getPort();
+  // Another client, idle between requests, loses its connection with the broker.
+  WireConnection idle(port);
+  ASSERT_TRUE(idle.connected());
+  ASSERT_TRUE(idle.post(simple("getBrokerName")));
+  ASSERT_TRUE(idle.read().has_value());
   {
     WireConnection connection(port);
     ASSERT_TRUE(connection.connected());
@@ -1067,6 +1267,7 @@ TEST(BrokerWireExitTest, ExitIsOneWayAndShutsTheBrokerDown) {
   }));
   // The port no longer takes connections.
   EXPECT_TRUE(eventually([port] { return !WireConnection(port).connected(); }));
+  EXPECT_TRUE(idle.waitForClose());
   broker->shutdown();
 }
 
