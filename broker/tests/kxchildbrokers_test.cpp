@@ -47,8 +47,7 @@ TEST(ChildBrokersTest, ABeatClearsTheMissedChecks) {
   children.heartBeat("leg");
   EXPECT_TRUE(children.check(Clock::now()).notResponding.empty());
   // The count starts again from zero.
-  EXPECT_EQ(children.check(Clock::now() + std::chrono::seconds(11)).notResponding,
-            Names{"leg"});
+  EXPECT_EQ(children.check(Clock::now() + std::chrono::seconds(11)).notResponding, Names{"leg"});
 }
 
 TEST(ChildBrokersTest, ChildrenThatNeverBeatAreNotWatched) {

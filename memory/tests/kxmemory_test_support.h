@@ -113,7 +113,8 @@ class Listener : public KXModule {
 class MemoryTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    broker_ = KXBroker::createBroker("test", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive, "", false);
+    broker_ =
+        KXBroker::createBroker("test", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive, "", false);
     ASSERT_NE(broker_, nullptr);
     memory_ = createModule<KXMemory>(broker_, "KXMemory");
     proxy_ = std::make_shared<KXProxy>(broker_, "KXMemory");

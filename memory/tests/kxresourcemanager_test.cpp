@@ -92,7 +92,8 @@ class Holder : public KXModule {
 class ResourceManagerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    broker_ = KXBroker::createBroker("test", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive, "", false);
+    broker_ =
+        KXBroker::createBroker("test", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive, "", false);
     module_ = createModule<KXResourceManager>(broker_, kManager);
     rm_ = std::make_unique<KXProxy>(broker_, kManager);
   }

@@ -23,7 +23,8 @@ using Strings = std::vector<std::string>;
 class StandardModulesTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    broker_ = KXBroker::createBroker("test", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive, "", false);
+    broker_ =
+        KXBroker::createBroker("test", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive, "", false);
     ASSERT_NE(broker_, nullptr);
   }
   void TearDown() override {

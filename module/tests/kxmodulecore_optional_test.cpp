@@ -137,7 +137,8 @@ TEST(ModuleCoreOptionalTest, DeclaredTypesFillUndescribedParameters) {
 class ModuleCoreOptionalProxyTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    broker_ = KXBroker::createBroker("test", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive, "", false);
+    broker_ =
+        KXBroker::createBroker("test", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive, "", false);
     ASSERT_NE(broker_, nullptr);
     createModule<Greeter>(broker_, "greeter");
     proxy_ = std::make_shared<KXProxy>(broker_, "greeter");

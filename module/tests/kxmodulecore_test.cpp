@@ -770,7 +770,8 @@ TEST(ModuleCoreStateTest, WithoutABroker) {
 class ModuleWithBrokerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    broker_ = KXBroker::createBroker("test", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive, "", false);
+    broker_ =
+        KXBroker::createBroker("test", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive, "", false);
     ASSERT_NE(broker_, nullptr);
     module_ = createModule<Calculator>(broker_, "calc");
   }
