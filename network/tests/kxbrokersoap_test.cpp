@@ -164,8 +164,8 @@ TEST(KXBrokerSoapTest, CallsWrittenDirectlyMatchTheGeneratedSerializers) {
   const KXValue param =
       arrayOf({KXValue("k<e>y & \"q\" 'a'"), KXValue(42), KXValue(1.5f), arrayOf({KXValue(true)})});
   for (const bool second : {false, true}) {
-    for (const std::string module : {std::string("KXMemory"), std::string("a<&>\"'b"),
-                                     std::string("t\tn\nr\rc\x01\x1f\x7f\xc3\xa9")}) {
+    for (const std::string& module : {std::string("KXMemory"), std::string("a<&>\"'b"),
+                                      std::string("t\tn\nr\rc\x01\x1f\x7f\xc3\xa9")}) {
       KXSoapContext context;
       const std::string generated = messageOf(context, [&](struct soap* soap) {
         struct kxbroker__callVelmo request;
