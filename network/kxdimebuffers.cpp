@@ -1,5 +1,6 @@
 #include "network/kxdimebuffers.h"
 
+#include <cstring>
 #include <memory>
 
 namespace KX {
@@ -36,7 +37,10 @@ int writeAttachment(struct soap* soap, void* handle, const char* data, std::size
   }
   buffers->total += size;
   auto* buffer = static_cast<std::vector<unsigned char>*>(handle);
-  buffer->insert(buffer->end(), data, data + size);
+  // One block copy (inserting chars into unsigned chars would go byte by byte).
+  const std::size_t end = buffer->size();
+  buffer->resize(end + size);
+  std::memcpy(buffer->data() + end, data, size);
   return SOAP_OK;
 }
 
