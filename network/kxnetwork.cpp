@@ -74,7 +74,6 @@ struct KXNetwork::Impl {
   // Serialises newServer.
   std::mutex serverMutex;
   std::shared_ptr<KXNetworkServer> server;  // guarded by serverMutex
-  std::shared_ptr<KXFileService> files;     // guarded by serverMutex
   int serverPort = 0;                       // guarded by serverMutex
 
   mutable std::mutex connectionMutex;
@@ -223,13 +222,12 @@ void KXNetwork::newServer(const std::string& ip, const int& port) {
   std::lock_guard<std::mutex> guard(impl_->serverMutex);
   startTask("remotePCallManager", &KXNetwork::remotePCallManager);
 
-  auto server = std::make_shared<KXNetworkServer>(carryOutBrokerRequest);
-  auto files = std::make_shared<KXFileService>(
+  auto files = std::make_shared<const KXFileService>(
       KXFileService::defaultRoots(), [](const std::string& endpoint, const std::string& path) {
         std::shared_ptr<KXBroker> broker = brokerForEndpoint(endpoint);
         return broker ? broker->getPage(path) : std::string("Broker not found");
       });
-  files->install(server->context());
+  auto server = std::make_shared<KXNetworkServer>(carryOutBrokerRequest, std::move(files));
 
   if (findFreePort(ip, port) != port) {
     KX_THROW("KXBroker", "runBroker",
@@ -244,7 +242,6 @@ void KXNetwork::newServer(const std::string& ip, const int& port) {
     impl_->server->stop();
   }
   impl_->server = server;
-  impl_->files = files;
   impl_->serverPort = port;
 }
 

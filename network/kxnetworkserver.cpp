@@ -88,7 +88,12 @@ class KXNetworkServer::ServeTask : public KXTask {
   int socket_;  // guarded by socketMutex_
 };
 
-KXNetworkServer::KXNetworkServer(BrokerRequestHandler handler) : handler_(std::move(handler)) {
+KXNetworkServer::KXNetworkServer(BrokerRequestHandler handler,
+                                 std::shared_ptr<const KXFileService> files)
+    : handler_(std::move(handler)), files_(std::move(files)) {
+  if (files_) {
+    files_->install(server_.get());
+  }
   server_->accept_timeout = 1;
   // A proxy keeps its connection for all its calls: no limit on the requests of one
   // connection (message data are freed after each).

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "network/kxbrokerserve.h"
+#include "network/kxfileservice.h"
 #include "network/kxsoapcontext.h"
 
 namespace KX {
@@ -29,7 +30,9 @@ class KXNetworkServer : public std::enable_shared_from_this<KXNetworkServer> {
   static constexpr int kServeSendSeconds = 60;
   static constexpr int kBacklog = 1000;
 
-  explicit KXNetworkServer(BrokerRequestHandler handler);
+  // `files` answers HTTP GET, PUT and DELETE on the same port; the server keeps it alive as
+  // long as any of its connections is served.
+  KXNetworkServer(BrokerRequestHandler handler, std::shared_ptr<const KXFileService> files);
   ~KXNetworkServer();
   KXNetworkServer(const KXNetworkServer&) = delete;
   KXNetworkServer& operator=(const KXNetworkServer&) = delete;
@@ -64,6 +67,7 @@ class KXNetworkServer : public std::enable_shared_from_this<KXNetworkServer> {
   void untrack(ServeTask* task);
 
   const BrokerRequestHandler handler_;
+  const std::shared_ptr<const KXFileService> files_;
   KXSoapContext server_;
   std::atomic<bool> stopped_{false};
   mutable std::mutex mutex_;
