@@ -74,7 +74,6 @@ struct KXNetwork::Impl {
   // Serialises newServer.
   std::mutex serverMutex;
   std::shared_ptr<KXNetworkServer> server;  // guarded by serverMutex
-  int serverPort = 0;                       // guarded by serverMutex
 
   mutable std::mutex connectionMutex;
   std::map<int, std::shared_ptr<KXConnection>> connections;  // guarded by connectionMutex
@@ -242,12 +241,6 @@ void KXNetwork::newServer(const std::string& ip, const int& port) {
     impl_->server->stop();
   }
   impl_->server = server;
-  impl_->serverPort = port;
-}
-
-int KXNetwork::getServerPort() const {
-  std::lock_guard<std::mutex> guard(impl_->serverMutex);
-  return impl_->serverPort;
 }
 
 void KXNetwork::startListening() {

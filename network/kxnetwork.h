@@ -96,8 +96,6 @@ class KXNetwork : public KXModule, public KXNetworkService {
   int getMaxHeartBeatRoundTrip() const;
   // Remote parallel calls waiting to be sent.
   std::size_t getQueuedRemoteCallCount() const;
-  // The port the server is bound to, 0 before newServer.
-  int getServerPort() const;
 
  private:
   struct Impl;

@@ -161,11 +161,6 @@ void KXNetworkServer::stop() {
   }
 }
 
-std::size_t KXNetworkServer::connectionCount() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return serving_.size();
-}
-
 bool KXNetworkServer::track(ServeTask* task) {
   std::lock_guard<std::mutex> guard(mutex_);
   if (stopped_.load()) {

@@ -54,10 +54,6 @@ class KXNetworkServer : public std::enable_shared_from_this<KXNetworkServer> {
 
   // Ends the accept loop and shuts every connection being served down.
   void stop();
-  bool isStopped() const { return stopped_.load(); }
-
-  // Connections being served now.
-  std::size_t connectionCount() const;
 
  private:
   class ServeTask;

@@ -15,6 +15,7 @@
 #include "broker/kxbrokermanager.h"
 #include "broker/kxbrokerproxy.h"
 #include "broker/kxnetworkservice.h"
+#include "log/tests/logtestsupport.h"
 #include "memory/kxmemory.h"
 #include "memory/kxstandardmodules.h"
 #include "module/kxproxy.h"
@@ -169,6 +170,22 @@ TEST_F(NetworkTreeTest, TheParentListsItsChildAndItsModules) {
   EXPECT_FALSE(proxy.isLocal());
   EXPECT_EQ(proxy.getBrokerName(), "child");
   EXPECT_EQ(proxy.call<int>("twice", 4), 8);
+}
+
+TEST_F(NetworkTreeTest, TheChildBeatsAndThePartnersSeeIt) {
+  auto network = std::dynamic_pointer_cast<KXNetwork>(child_->getNetwork());
+  ASSERT_NE(network, nullptr);
+  EXPECT_TRUE(eventually([&] { return network->isHeartBeatConnected(); }));
+  // On one machine a beat takes far less than a second.
+  EXPECT_EQ(network->getMaxHeartBeatRoundTrip(), 0);
+  // The parent has the child's beat: a check now reports nothing.
+  tu::log::testing::LogCapture capture;
+  root_->checkHeartBeat();
+  EXPECT_TRUE(capture.withFunction("KX::KXBrokerImpl::checkHeartBeat").empty());
+  EXPECT_EQ(root_->getChildBrokers().size(), 1u);
+  // A root has no parent to beat to.
+  auto rootNetwork = std::dynamic_pointer_cast<KXNetwork>(root_->getNetwork());
+  EXPECT_FALSE(rootNetwork->isHeartBeatConnected());
 }
 
 TEST_F(NetworkTreeTest, AChildThatShutsDownLeavesItsParent) {
