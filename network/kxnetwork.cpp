@@ -323,11 +323,6 @@ void KXNetwork::registerClient(const std::string& ip, const int& port, const boo
   }
   broker->setIP(sendBackIP(connection));
   try {
-    unregisterBroker(connection, broker->getBrokerInfo());
-  } catch (const KXError&) {
-    // Not registered there: the usual case.
-  }
-  try {
     registerBrokerTo(connection, broker->getBrokerInfo());
   } catch (const KXError&) {
     TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::registerClient")
