@@ -36,6 +36,9 @@ int writeAttachment(struct soap* soap, void* handle, const char* data, std::size
     return soap->error = SOAP_EOM;
   }
   buffers->total += size;
+  if (size == 0) {
+    return SOAP_OK;  // an empty attachment: nothing to copy (and no block to copy into)
+  }
   auto* buffer = static_cast<std::vector<unsigned char>*>(handle);
   // One block copy (inserting chars into unsigned chars would go byte by byte).
   const std::size_t end = buffer->size();
