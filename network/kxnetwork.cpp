@@ -115,6 +115,10 @@ KXNetwork::KXNetwork(const std::shared_ptr<KXBroker>& broker, const std::string&
 
 KXNetwork::~KXNetwork() {
   // Normally done by exit(); a module dropped without it must not leave tasks blocked.
+  stopServer();
+}
+
+void KXNetwork::stopServer() {
   std::shared_ptr<KXNetworkServer> server;
   {
     std::lock_guard<std::mutex> guard(impl_->serverMutex);
@@ -158,14 +162,7 @@ void KXNetwork::exit() {
     impl_->stopping = true;
   }
   impl_->wake.notify_all();
-  std::shared_ptr<KXNetworkServer> server;
-  {
-    std::lock_guard<std::mutex> guard(impl_->serverMutex);
-    server = impl_->server;
-  }
-  if (server) {
-    server->stop();
-  }
+  stopServer();
   std::vector<std::shared_ptr<KXConnection>> connections;
   {
     std::lock_guard<std::mutex> guard(impl_->connectionMutex);
@@ -584,14 +581,7 @@ void KXNetwork::disconnectBroker() {
   TU_LOG(tu::log::info, kCategory, "KX::KXNetwork::disconnectBroker")
       << "Broker stopping" << std::endl;
   leaveParent();
-  std::shared_ptr<KXNetworkServer> server;
-  {
-    std::lock_guard<std::mutex> guard(impl_->serverMutex);
-    server = impl_->server;
-  }
-  if (server) {
-    server->stop();
-  }
+  stopServer();
   std::unique_lock<std::mutex> lock(impl_->stateMutex);
   impl_->wake.wait(lock, [this] { return !impl_->heartBeatRunning || impl_->stopping; });
   lock.unlock();

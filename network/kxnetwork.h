@@ -21,6 +21,8 @@ class KXConnection;
 // Threads: the accept loop, each connection, the parallel-call sender and the heartbeat
 // sender/checker run as tasks of the broker's pool; exit() stops them all without waiting
 // for any timeout (sockets are shut down, sleeps are woken), before the pool is stopped.
+// Locks: the module's server, connection and state mutexes are each taken alone, and none
+// is held during a network call.
 class KXNetwork : public KXModule, public KXNetworkService {
  public:
   // Remote parallel calls waiting to be sent: a call queued beyond this is dropped.
@@ -102,6 +104,8 @@ class KXNetwork : public KXModule, public KXNetworkService {
 
   std::shared_ptr<KXConnection> findConnection(int connection, const char* method) const;
   void bindNetworkMethods();
+  // Ends the accept loop and every connection being served.
+  void stopServer();
   bool keepRunning() const;
   // Queues `work` (a member of this module) as a named task of the broker's pool.
   bool startTask(const char* name, void (KXNetwork::*work)());
