@@ -1,5 +1,6 @@
 #include "network/kxbrokerserve.h"
 #include "network/kxdimebuffers.h"
+#include "network/tests/socket_test_support.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -111,17 +112,10 @@ class LoopbackServer {
           return handler(request, peer);
         }) {
     server_->accept_timeout = 1;
-    if (!soap_valid_socket(soap_bind(server_.get(), "127.0.0.1", 0, 10))) {
-      ADD_FAILURE() << "bind failed, gSOAP error " << server_->error;
+    port_ = testing::bindLoopback(server_.get());
+    if (port_ == 0) {
       return;
     }
-    sockaddr_in address{};
-    socklen_t length = sizeof(address);
-    if (getsockname(server_->master, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-      ADD_FAILURE() << "getsockname failed";
-      return;
-    }
-    port_ = ntohs(address.sin_port);
     thread_ = std::thread([this] { run(); });
   }
   ~LoopbackServer() {
@@ -175,16 +169,8 @@ constexpr const char* kEnvelopeEnd = "</SOAP-ENV:Body></SOAP-ENV:Envelope>";
 // write. Reads are bounded by a 10 s receive timeout.
 class RawClient {
  public:
-  explicit RawClient(int port) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-    timeval timeout{};
-    timeout.tv_sec = 10;
-    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
-  }
+  explicit RawClient(int port)
+      : fd_(socket(AF_INET, SOCK_STREAM, 0)), connected_(testing::connectLoopback(fd_, port, 10)) {}
   ~RawClient() {
     if (fd_ >= 0) {
       close(fd_);

@@ -27,6 +27,7 @@
 #include "log/sdklayout.h"
 #include "network/kxbrokerserve.h"
 #include "network/kxsoapcontext.h"
+#include "network/tests/socket_test_support.h"
 
 namespace KX {
 namespace {
@@ -171,17 +172,10 @@ class FileServer {
     // A connection the test forgets is dropped after this, rather than hanging the test.
     server_->recv_timeout = 10;
     server_->send_timeout = 10;
-    if (!soap_valid_socket(soap_bind(server_.get(), "127.0.0.1", 0, 10))) {
-      ADD_FAILURE() << "bind failed, gSOAP error " << server_->error;
+    port_ = testing::bindLoopback(server_.get());
+    if (port_ == 0) {
       return;
     }
-    sockaddr_in address{};
-    socklen_t length = sizeof(address);
-    if (getsockname(server_->master, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-      ADD_FAILURE() << "getsockname failed";
-      return;
-    }
-    port_ = ntohs(address.sin_port);
     acceptor_ = std::thread([this] { run(); });
   }
   ~FileServer() {
@@ -225,11 +219,7 @@ class FileServer {
   // Ends the accept wait at once rather than at its timeout.
   void wake() const {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port_));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    testing::connectLoopback(fd, port_, 0);
     close(fd);
   }
 
@@ -252,16 +242,10 @@ struct Response {
 // A plain TCP client speaking HTTP by hand. Reads are bounded by a 10 s receive timeout.
 class RawClient {
  public:
-  explicit RawClient(int port) : port_(port), fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-    timeval timeout{};
-    timeout.tv_sec = 10;
-    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
-  }
+  explicit RawClient(int port)
+      : port_(port),
+        fd_(socket(AF_INET, SOCK_STREAM, 0)),
+        connected_(testing::connectLoopback(fd_, port, 10)) {}
   ~RawClient() {
     if (fd_ >= 0) close(fd_);
   }

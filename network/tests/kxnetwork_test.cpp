@@ -21,6 +21,7 @@
 #include "module/kxproxy.h"
 #include "module/tests/proxy_test_support.h"
 #include "network/kxnetwork.h"
+#include "network/tests/socket_test_support.h"
 
 namespace KX {
 namespace testing {
@@ -247,31 +248,6 @@ TEST(NetworkAddressTest, CallsToABrokerThatIsGoneFailWithTheTransportsWords) {
       << error;
 }
 
-// A socket that holds a port, as another process would.
-class PortHolder {
- public:
-  PortHolder() {
-    socket_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
-    if (::bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        ::listen(socket_, 1) != 0) {
-      ADD_FAILURE() << "cannot hold a port";
-    }
-    socklen_t length = sizeof(address);
-    getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-  }
-  ~PortHolder() { ::close(socket_); }
-  int port() const { return port_; }
-
- private:
-  int socket_ = -1;
-  int port_ = 0;
-};
-
 TEST(NetworkServerTest, APortHeldElsewhereIsRefusedBeforeAnyBind) {
   PortHolder holder;
   EXPECT_EQ(errorOf([&] {
@@ -296,21 +272,11 @@ TEST(NetworkServerTest, FreePortsAreFoundFromTheGivenOne) {
   root->shutdown();
 }
 
-// A server that accepts connections and never answers: a call sent there waits.
-class SilentServer {
- public:
-  SilentServer() : holder_() {}
-  int port() const { return holder_.port(); }
-
- private:
-  PortHolder holder_;
-};
-
 TEST(NetworkQueueTest, TheTwentySecondWaitingRemoteCallIsDropped) {
   auto root = rootBroker("queueing");
   auto network = std::dynamic_pointer_cast<KXNetwork>(root->getNetwork());
   ASSERT_NE(network, nullptr);
-  SilentServer silent;
+  PortHolder silent;  // takes connections, never answers: a call sent there waits
   KXModuleInfo module;
   module.name = "Anything";
   const int connection =

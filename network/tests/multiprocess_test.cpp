@@ -14,6 +14,7 @@
 #include "module/kxproxy.h"
 #include "module/tests/proxy_test_support.h"
 #include "network/tests/process_test_support.h"
+#include "network/tests/socket_test_support.h"
 
 namespace KX {
 namespace testing {
@@ -31,14 +32,8 @@ std::vector<std::string> nodeCommand(const std::string& name, int parentPort,
 // One HTTP GET on a fresh connection; the whole answer.
 std::string httpGet(int port, const std::string& path) {
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  timeval timeout{10, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   std::string answer;
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+  if (connectLoopback(fd, port, 10)) {
     const std::string request = "GET " + path +
                                 " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
                                 "\r\nConnection: close\r\n\r\n";
@@ -165,15 +160,8 @@ TEST(ProcessTest, TheBrokerProgramStopsInOrderOnSigterm) {
 }
 
 TEST(ProcessTest, APortHeldByAnotherProcessIsRefused) {
-  const int holder = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  ASSERT_EQ(::listen(holder, 1), 0);
-  socklen_t length = sizeof(address);
-  getsockname(holder, reinterpret_cast<sockaddr*>(&address), &length);
-  const std::string port = std::to_string(ntohs(address.sin_port));
+  PortHolder holder;
+  const std::string port = std::to_string(holder.port());
 
   ChildProcess broker({VELMO_BROKER_PROGRAM, "--ip", "127.0.0.1", "--port", port});
   EXPECT_EQ(broker.waitExit(), 1);
@@ -181,7 +169,6 @@ TEST(ProcessTest, APortHeldByAnotherProcessIsRefused) {
       broker.output().find("Port " + port + " is not free. Another broker is using this port."),
       std::string::npos)
       << broker.output();
-  ::close(holder);
 }
 
 TEST(ProcessTest, AFrozenChildIsReportedThenLost) {

@@ -27,6 +27,7 @@
 
 #include "module/kxmoduleinfo.h"
 #include "network/kxvaluesoap.h"
+#include "network/tests/socket_test_support.h"
 #include "value/kxvalue.h"
 
 namespace KX {
@@ -94,15 +95,7 @@ class WireConnection {
  public:
   explicit WireConnection(int port) : port_(port), fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
     if (fd_ < 0) return;
-    timeval timeout{};
-    timeout.tv_sec = kSocketTimeoutSeconds;
-    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-    ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    connected_ = connectLoopback(fd_, port, kSocketTimeoutSeconds);
   }
   ~WireConnection() { close(); }
   WireConnection(const WireConnection&) = delete;
