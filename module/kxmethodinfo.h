@@ -59,7 +59,11 @@ class KXMethodInfo {
   std::vector<ParameterInfo> parameters;
   std::shared_ptr<KXFunctorBase> functor;
   ParameterInfo returnValue;
-  std::uint16_t mask = 0;  // bit 0: described through the module core
+  // Bit 0 (kNativeMethod) is set for every method described through the module core;
+  // modules written in another language clear it on the methods that they answer
+  // themselves.
+  std::uint16_t mask = 0;
+  static constexpr std::uint16_t kNativeMethod = 0x0001;
 };
 
 // "name(" + types joined by ", " (or "Void") + ")".

@@ -21,9 +21,6 @@ namespace {
 constexpr char kCategory[] = "core.common.modulecore";
 constexpr char kBuiltinClass[] = "KXModule";
 
-// Set in the mask of every method described through the module core.
-constexpr std::uint16_t kDescribedByModuleCore = 0x0001;
-
 bool isForbiddenName(const std::string& name) {
   // These names belong to the proxy's own calling operations: a method bound under one
   // of them could never be reached through a proxy.
@@ -206,7 +203,7 @@ void KXModuleCore::functionName(const std::string& name, const std::string& clas
   current.methodName = name;
   current.methodDescription = description;
   current.className = className;
-  current.mask = static_cast<std::uint16_t>(mask | kDescribedByModuleCore);
+  current.mask = static_cast<std::uint16_t>(mask | KXMethodInfo::kNativeMethod);
 }
 
 void KXModuleCore::addParam(const std::string& name, const std::string& description) {
@@ -225,6 +222,26 @@ void KXModuleCore::addParam(const std::string& name, const std::string& descript
   parameter.description = description;
   parameter.optional = optional;
   impl_->current.parameters.push_back(std::move(parameter));
+}
+
+void KXModuleCore::clearDescriptionFlags(std::uint16_t bits) {
+  KXScopedLock lock(impl_->describeMutex);
+  impl_->current.mask = static_cast<std::uint16_t>(impl_->current.mask & ~bits);
+}
+
+std::string KXModuleCore::describedMethodName() const {
+  KXScopedLock lock(impl_->describeMutex);
+  return impl_->current.methodName;
+}
+
+void KXModuleCore::completeParameters(std::size_t count) {
+  KXScopedLock lock(impl_->describeMutex);
+  std::vector<ParameterInfo>& parameters = impl_->current.parameters;
+  for (std::size_t position = parameters.size() + 1; position <= count; ++position) {
+    ParameterInfo parameter;
+    parameter.name = "arg" + std::to_string(position);
+    parameters.push_back(std::move(parameter));
+  }
 }
 
 void KXModuleCore::setReturn(const std::string& name, const std::string& description) {

@@ -172,6 +172,16 @@ class KXModuleCore : public std::enable_shared_from_this<KXModuleCore> {
 
   void setRequiresGenericDispatch(bool generic);
 
+  // For modules whose methods answer in another language, while a description is being
+  // built: clears `bits` of its flags word (KXMethodInfo::kNativeMethod for a method
+  // that the module answers itself instead of through its functor) ...
+  void clearDescriptionFlags(std::uint16_t bits);
+  // ... the name of the method being described (empty when none is) ...
+  std::string describedMethodName() const;
+  // ... and gives it at least `count` parameters before a functor of that many is bound:
+  // the missing ones are named "arg" followed by their position counted from 1.
+  void completeParameters(std::size_t count);
+
  private:
   // Takes the shared side of the execution lock, or prints the exiting warning and
   // returns false; leaveCall releases it.

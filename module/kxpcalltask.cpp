@@ -79,6 +79,12 @@ KXPCallTask::KXPCallTask(std::shared_ptr<KXTaskMonitor> monitor,
 KXPCallTask::~KXPCallTask() = default;
 
 void KXPCallTask::runCall() {
+  // Such a module answers through execute: its functors only hold the method's place.
+  if (getModuleCore()->requiresGenericDispatch()) {
+    KXValue result;
+    getModuleCore()->execute(method_->methodName, params_, result);
+    return;
+  }
   KXFunctorBase& functor = *method_->functor;
   getModuleCore()->runLocked([&functor, this] {
     KXValue result;

@@ -250,7 +250,8 @@ int KXProxy::localTypedPCall(const std::string& method, const KXValue& params,
     KX_THROW("KXProxy", "getMethodInfo",
              "Function " + method + " does not exist in module " + impl_->moduleInfo->name);
   }
-  typedMethod(*core, method, argTypes, argCount, nullptr);
+  // A module answered through execute checks its arguments itself, as for typed calls.
+  if (!core->requiresGenericDispatch()) typedMethod(*core, method, argTypes, argCount, nullptr);
   return core->pCall(method, params);
 }
 
@@ -297,5 +298,7 @@ KXModuleInfo KXProxy::getModuleInfo() const { return *impl_->moduleInfo; }
 std::string KXProxy::getBrokerName() const { return impl_->brokerName; }
 
 bool KXProxy::isLocal() const { return impl_->local; }
+
+std::shared_ptr<KXModuleCore> KXProxy::getLocalModuleCore() const { return impl_->core.lock(); }
 
 }  // namespace KX

@@ -74,6 +74,8 @@ class KXProxy : public std::enable_shared_from_this<KXProxy> {
   // The name of the broker that hosts the module.
   std::string getBrokerName() const;
   bool isLocal() const;
+  // The module's core while it lives in this process; null for a remote or gone module.
+  std::shared_ptr<KXModuleCore> getLocalModuleCore() const;
 
  private:
   struct Impl;

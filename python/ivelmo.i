@@ -8,6 +8,7 @@
 %{
 #include "python/kxsystem.h"
 #include "python/pyerror.h"
+#include "python/pyexit.h"
 #include "python/pygil.h"
 #include "python/pyvalue.h"
 #include "value/kxerror.h"
@@ -42,4 +43,13 @@
   }
 }
 
+%include "kxvalue.i"
 %include "kxsystem.i"
+%include "broker.i"
+// Last: it releases the interpreter lock in every wrapper that follows it.
+%include "memoryproxy.i"
+
+// Brokers that Python created are shut down before the interpreter goes away.
+%init %{
+  if (!KX::python::installExitHook()) return NULL;
+%}

@@ -29,8 +29,12 @@ class ScopedGILRelease {
 
 // Takes the interpreter lock for the lifetime of the object through the
 // interpreter's per-thread state mechanism, so that any thread (one the interpreter
-// never saw included) may run Python code inside the scope. Nests: an inner scope on
-// a thread that already holds the lock is harmless. Not copyable.
+// never saw included) may run Python code inside the scope. A thread the interpreter
+// never saw keeps the state it gets from one scope to the next, until it ends (its end
+// takes the lock once more to delete it: never join such a thread while holding the
+// lock, as no thread that runs Python code may be joined under it anyway). Nests:
+// an inner scope on a thread that already holds the lock is harmless. Not copyable.
+// Framework threads construct it inside a ScopedInterpreterEntry.
 class ScopedGILAcquire {
  public:
   ScopedGILAcquire();

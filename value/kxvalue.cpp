@@ -392,11 +392,16 @@ void KXValue::arrayReserve(int capacity) {
 }
 
 void KXValue::arrayPush(const KXValue& value) {
-  const int size = getSize();
   // Copied first: `value` may be this array or one of its elements, which growing moves.
-  KXValue copy(value);
+  arrayPush(KXValue(value));
+}
+
+void KXValue::arrayPush(KXValue&& value) {
+  // Taken over first, for the same reason.
+  KXValue taken(std::move(value));
+  const int size = getSize();
   arraySetSize(size + 1);
-  (*std::get<TypeArray>(payload_))[static_cast<size_t>(size)] = std::move(copy);
+  (*std::get<TypeArray>(payload_))[static_cast<size_t>(size)] = std::move(taken);
 }
 
 void KXValue::ToStringArray(std::vector<std::string>& out, bool insertEmpty) const {

@@ -127,6 +127,7 @@ class KXValue {
   void arraySetSize(int size);     // new elements are Invalid
   void arrayReserve(int capacity);
   void arrayPush(const KXValue& value);
+  void arrayPush(KXValue&& value);  // takes the value over without copying it
   // Copies the String elements into `out`; other elements print a warning and are
   // skipped, or replaced by "" when `insertEmpty` is true.
   void ToStringArray(std::vector<std::string>& out, bool insertEmpty) const;

@@ -26,7 +26,29 @@ CATALOGUE = [
     "SwigPyIterator___next__", "SwigPyIterator_previous", "SwigPyIterator_advance",
     "SwigPyIterator___eq__", "SwigPyIterator___ne__", "SwigPyIterator___iadd__",
     "SwigPyIterator___isub__", "SwigPyIterator___add__", "SwigPyIterator___sub__",
-]
+    "setInstance", "getMemoryProxy",
+    "new_broker", "delete_broker", "broker_shutdown", "broker_isModulePresent",
+    "broker_getGlobalModuleList", "broker_swigregister",
+    "new_proxy", "delete_proxy", "proxy_pythonCall", "proxy_pythonPCall", "proxy_wait",
+    "proxy_stop", "proxy_isRunning", "proxy_swigregister",
+    "new_baseModule", "delete_baseModule", "baseModule_BIND_PYTHON", "baseModule__bindWithParam",
+    "baseModule_autoBind", "baseModule_functionName", "baseModule_addParam",
+    "baseModule_setModuleDescription", "baseModule_exit", "baseModule_getName",
+    "baseModule_getBrokerName", "baseModule_version", "baseModule__methodMissing",
+    "baseModule_swigregister",
+] + [f"baseModule__methodMissing{n}" for n in range(7)] + [
+    "new_module", "delete_module", "module_BIND_PYTHON", "module_exit", "module_getName",
+    "module_getBrokerName", "module__methodMissing", "module_version", "module_swigregister",
+    "new_KXMemoryProxy", "delete_KXMemoryProxy", "KXMemoryProxy_swigregister",
+] + [f"KXMemoryProxy_{name}" for name in """
+    post_set post_get getGenericProxy declareEvent exit getBrokerName getData getDataList
+    getDataListName getDataOnChange getDataPtr getDescriptionList getEventHistory getEventList
+    getExtractorEvent getListData getMethodHelp getMethodList getMicroEventList getModuleHelp
+    getSubscribers getTimestamp getType getUsage insertData insertListData isRunning ping
+    raiseEvent raiseMicroEvent removeData removeMicroEvent setDescription stop subscribeToEvent
+    subscribeToMicroEvent unregisterModuleReference unsubscribeToEvent unsubscribeToMicroEvent
+    version wait
+""".split()]
 
 
 def _extension_path():

@@ -97,6 +97,17 @@ TEST(KXValueArrayTest, Reserve) {
                        "Expected a Array but received a Int (kxvalue contents: 1 )"));
 }
 
+TEST(KXValueArrayTest, APushedTemporaryIsTakenOverNotCopied) {
+  const std::vector<unsigned char> bytes(4096, 7);
+  KXValue blob;
+  blob.setBinary(bytes.data(), bytes.size());
+  const unsigned char* const storage = blob.getBinary().data();
+  KXValue array;
+  array.arrayPush(std::move(blob));
+  EXPECT_EQ(array[0].getBinary().data(), storage);
+  EXPECT_EQ(array[0].getBinary(), bytes);
+}
+
 TEST(KXValueArrayTest, PushOnInvalidMakesOneElementArray) {
   KXValue value;
   value.arrayPush(KXValue("first"));

@@ -1,0 +1,112 @@
+"""Shared kit of the Python tests: the build's programs, a broker per test, and
+programs of their own (fresh interpreters, broker processes) with bounded waits."""
+import os
+import re
+import subprocess
+import sys
+import textwrap
+import time
+
+import pytest
+
+import _ivelmo
+import ivelmo
+
+PYTHON_DIR = os.path.dirname(os.path.realpath(_ivelmo.__file__))
+BIN_DIR = os.path.join(os.path.dirname(PYTHON_DIR), "bin")
+# Longest wait for a process to start or end: generous, since the machine is shared.
+PATIENCE_S = 60
+
+
+def env_with_binding():
+    env = dict(os.environ)
+    env["PYTHONPATH"] = PYTHON_DIR
+    env["PYTHONUNBUFFERED"] = "1"
+    return env
+
+
+def run_python(code, timeout=PATIENCE_S):
+    """Runs `code` in a fresh interpreter; returns the finished process (text output)."""
+    return subprocess.run([sys.executable, "-c", textwrap.dedent(code)], env=env_with_binding(),
+                          capture_output=True, text=True, timeout=timeout)
+
+
+class Program:
+    """A program of the test's own; stopped (SIGTERM, then SIGKILL) by stop()."""
+
+    def __init__(self, argv, stdin=subprocess.DEVNULL):
+        self.process = subprocess.Popen(argv, env=env_with_binding(), stdin=stdin,
+                                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                        text=True)
+        self.lines = []
+
+    def wait_for(self, pattern):
+        """Reads output lines until one matches `pattern`; returns the match."""
+        deadline = time.monotonic() + PATIENCE_S
+        while time.monotonic() < deadline:
+            line = self.process.stdout.readline()
+            if not line:
+                break
+            self.lines.append(line)
+            match = re.search(pattern, line)
+            if match:
+                return match
+        raise AssertionError(f"no line matching {pattern!r} in {''.join(self.lines)!r}")
+
+    def stop(self):
+        if self.process.poll() is None:
+            self.process.terminate()
+            try:
+                self.process.wait(PATIENCE_S)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait()
+        rest = self.process.stdout.read()
+        self.process.stdout.close()
+        self.lines.append(rest)
+        return "".join(self.lines)
+
+
+LISTENING = r"Velmo is listening on 127\.0\.0\.1:(\d+)"
+READY = r"READY (\d+)"
+
+
+@pytest.fixture
+def velmo_root():
+    """The broker program as the root of a tree, on a free port; yields its port."""
+    root = Program([os.path.join(BIN_DIR, "velmo"), "--name", "root", "--ip", "127.0.0.1",
+                    "--port", "0"])
+    port = int(root.wait_for(LISTENING).group(1))
+    yield port
+    root.stop()
+
+
+@pytest.fixture
+def start_program():
+    """Starts programs that the test's end stops."""
+    started = []
+
+    def start(argv, stdin=subprocess.DEVNULL):
+        program = Program(argv, stdin)
+        started.append(program)
+        return program
+
+    yield start
+    for program in started:
+        program.stop()
+
+
+class RootBroker:
+    def __init__(self, broker, port):
+        self.broker = broker
+        self.port = port
+
+
+@pytest.fixture
+def root_broker(capfd):
+    """A root broker of this process on a free port (read from its log line), shut down
+    after the test."""
+    broker = ivelmo.broker("pytest", "127.0.0.1", 0, "", 0)
+    out, _ = capfd.readouterr()
+    yield RootBroker(broker, int(re.search(LISTENING, out).group(1)))
+    broker.shutdown()

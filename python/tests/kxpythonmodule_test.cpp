@@ -1,0 +1,232 @@
+// Modules answered by Python, called the way the framework calls them: from the
+// calling thread, from framework threads, through proxies and parallel calls.
+#include "python/kxpythonmodule.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "broker/kxbroker.h"
+#include "embedded_python.h"
+#include "module/kxproxy.h"
+#include "module/tests/proxy_test_support.h"
+#include "python/pygil.h"
+#include "python/pyinterpreter.h"
+#include "value/kxerror.h"
+
+namespace KX {
+namespace python {
+namespace {
+
+using KX::testing::args;
+using KX::testing::errorOf;
+using KX::testing::errorText;
+
+// The object that answers for the module "m" in __main__.
+constexpr char kAnswerer[] = R"(
+class Answerer:
+    def __init__(self):
+        self.calls = []
+    def pair(self, a, b):
+        return [a, b]
+    def record(self, *arguments):
+        self.calls.append(list(arguments))
+        return len(arguments)
+    def nothing(self):
+        return None
+    def fail(self):
+        raise ValueError("bad")
+    def failEmpty(self):
+        raise KeyError
+    def twice(self, x):
+        return 2 * x
+m = Answerer()
+)";
+
+class PythonModuleTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    broker_ =
+        KXBroker::createBroker("pybroker", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive, "", false);
+    module_ = createModule<KXPythonModule>(broker_, "m");
+    ASSERT_TRUE(testing::run(kAnswerer));
+    for (const char* method :
+         {"pair", "record", "nothing", "fail", "failEmpty", "twice", "absent"}) {
+      module_->bindPythonMethod("Answerer", method, -1);
+    }
+  }
+  void TearDown() override {
+    {
+      ScopedGILRelease release;
+      broker_->shutdown();
+    }
+    testing::run("m = None\ndel m");
+  }
+
+  KXValue call(const std::string& method, const KXValue& params) {
+    KXValue result;
+    module_->execute(method, params, result);
+    return result;
+  }
+  int recordedCalls() {
+    PyObjectPtr count = testing::eval("len(m.calls)");
+    return count ? static_cast<int>(PyLong_AsLong(count.get())) : -1;
+  }
+
+  std::shared_ptr<KXBroker> broker_;
+  std::shared_ptr<KXPythonModule> module_;
+};
+
+TEST_F(PythonModuleTest, ArgumentsAndResultsAreConverted) {
+  EXPECT_EQ(call("pair", args({1, "x"})), args({1, "x"}));
+  EXPECT_EQ(call("twice", args({2.5f})), KXValue(5.0f));
+  // A method that returns None gives Invalid; a result of the call replaces `result`.
+  KXValue result(7);
+  module_->execute("nothing", KXValue(), result);
+  EXPECT_FALSE(result.isValid());
+}
+
+TEST_F(PythonModuleTest, ParametersThatAreNoArrayCallWithoutArguments) {
+  EXPECT_EQ(call("record", KXValue()), KXValue(0));
+  EXPECT_EQ(call("record", KXValue(5)), KXValue(0));
+  EXPECT_EQ(call("record", args({1, 2, 3, 4, 5, 6})), KXValue(6));
+  EXPECT_EQ(recordedCalls(), 3);
+}
+
+TEST_F(PythonModuleTest, SevenParametersReachNoPythonCode) {
+  KXValue result("unchanged");
+  module_->execute("record", args({1, 2, 3, 4, 5, 6, 7}), result);
+  EXPECT_EQ(result, KXValue("unchanged"));
+  EXPECT_EQ(recordedCalls(), 0);
+}
+
+TEST_F(PythonModuleTest, ErrorsAreKXErrorsWithTheirTexts) {
+  struct Case {
+    const char* method;
+    const char* prepare;  // run first in __main__
+    std::string expected;
+  };
+  const Case cases[] = {
+      {"fail", "", errorText("KXPythonModule", "execute", "<class 'ValueError'>\nbad")},
+      {"failEmpty", "", errorText("KXPythonModule", "execute", "<class 'KeyError'>\n")},
+      {"absent", "",
+       errorText("KXPythonModule", "execute",
+                 "<class 'AttributeError'>\n'Answerer' object has no attribute 'absent'")},
+      {"pair", "del m", errorText("KXPythonTools", "eval", "python object not found m")},
+      {"unbound", "", errorText("m", "unbound", "Function unbound does not exist in module m")},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.method);
+    ASSERT_TRUE(testing::run(c.prepare));
+    EXPECT_EQ(errorOf([&] { call(c.method, KXValue()); }), c.expected);
+    // The Python error stays inside the module: nothing is left pending here.
+    EXPECT_EQ(PyErr_Occurred(), nullptr);
+  }
+}
+
+TEST_F(PythonModuleTest, BuiltinMethodsStayNative) {
+  EXPECT_EQ(call("ping", KXValue()), KXValue(true));
+  EXPECT_EQ(module_->version(), "unused");
+  EXPECT_EQ(call("version", KXValue()), KXValue("unused"));
+}
+
+TEST_F(PythonModuleTest, TypedAndParallelProxyCallsReachPython) {
+  KXProxy proxy(broker_, "m");
+  EXPECT_EQ(proxy.call<int>("twice", 21), 42);
+  int id = 0;
+  {
+    ScopedGILRelease release;  // the call runs on a pool thread, which needs the lock
+    id = proxy.pCall("record", 5);
+    EXPECT_FALSE(proxy.wait(id, 0));
+  }
+  EXPECT_EQ(recordedCalls(), 1);
+}
+
+TEST_F(PythonModuleTest, FrameworkThreadsCallConcurrently) {
+  constexpr int kThreads = 16;
+  constexpr int kCallsEach = 50;
+  std::atomic<int> correct{0};
+  {
+    ScopedGILRelease release;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] {
+        for (int i = 0; i < kCallsEach; ++i) {
+          KXValue result;
+          module_->execute("twice", args({t * 1000 + i}), result);
+          if (result == KXValue(2 * (t * 1000 + i))) ++correct;
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+  }
+  EXPECT_EQ(correct.load(), kThreads * kCallsEach);
+}
+
+TEST_F(PythonModuleTest, AClosedInterpreterGateRefusesCalls) {
+  closeInterpreterGate();
+  const std::string refused = errorOf([&] { call("pair", args({1, 2})); });
+  openInterpreterGate();
+  EXPECT_EQ(refused, errorText("KXPythonTools", "eval", "The Python interpreter is shutting down"));
+  EXPECT_EQ(call("pair", args({1, 2})), args({1, 2}));
+}
+
+// What the describing operations leave in the method table.
+struct Description {
+  std::vector<std::string> parameterNames;
+  std::vector<std::string> parameterTypes;
+  std::string methodDescription;
+};
+
+TEST_F(PythonModuleTest, BindingDescribesTheMethodForPython) {
+  struct Case {
+    const char* name;
+    bool describeFirst;  // functionName + addParam("a") before binding
+    int count;
+    Description expected;
+  };
+  const Case cases[] = {
+      {"anyCount", false, -1, {{"empty param"}, {""}, "python method"}},
+      {"three", true, 3, {{"a", "arg2", "arg3"}, {"int", "int", "int"}, "described"}},
+      {"none", true, 0, {{"a"}, {""}, "described"}},
+      {"tooMany", true, 7, {{"a"}, {""}, "described"}},
+      {"negative", true, -2, {{"a"}, {""}, "described"}},
+      {"undescribed", false, 2, {{"arg1", "arg2"}, {"int", "int"}, "python method"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.describeFirst) {
+      module_->describePythonMethod(c.name, "Answerer", "described");
+      module_->addParam("a", "Python's parameter");
+    }
+    module_->bindPythonMethod("Answerer", c.name, c.count);
+    const std::shared_ptr<const KXMethodInfo> info = module_->getMethodInfo(c.name);
+    ASSERT_NE(info, nullptr);
+    Description found{{}, {}, info->methodDescription};
+    for (const ParameterInfo& parameter : info->parameters) {
+      found.parameterNames.push_back(parameter.name);
+      found.parameterTypes.push_back(parameter.type);
+    }
+    EXPECT_EQ(found.parameterNames, c.expected.parameterNames);
+    EXPECT_EQ(found.parameterTypes, c.expected.parameterTypes);
+    EXPECT_EQ(found.methodDescription, c.expected.methodDescription);
+    EXPECT_EQ(info->returnValue.type, "string");
+    EXPECT_EQ(info->mask & KXMethodInfo::kNativeMethod, 0);
+  }
+  EXPECT_EQ(module_->getMethodHelp("anyCount")[2], args({"empty param", "avoid exception"}));
+}
+
+TEST_F(PythonModuleTest, ForbiddenNamesAreRefused) {
+  EXPECT_EQ(errorOf([&] { module_->bindPythonMethod("Answerer", "call", -1); }),
+            errorText("m", "call",
+                      "Cannot bind this method because the name is forbidden. Forbidden names "
+                      "include subscribeToTask, post, pCall and call"));
+}
+
+}  // namespace
+}  // namespace python
+}  // namespace KX

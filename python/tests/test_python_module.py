@@ -1,0 +1,218 @@
+"""Modules written in Python: described, bound and called as the framework calls them."""
+import threading
+
+import pytest
+
+import _ivelmo
+import ivelmo
+from conftest import run_python
+
+
+class Calc(ivelmo.module):
+    def __init__(self, name):
+        ivelmo.module.__init__(self, name)
+        self.setModuleDescription("Adds and fails")
+        self.BIND_PYTHON(name, "echo")
+        self.BIND_PYTHON(name, "fail")
+        self.BIND_PYTHON(name, "relay")
+        self.functionName("add", name, "Adds two numbers")
+        self.addParam("a")
+        self.addParam("b")
+        self._bindWithParam(name, "add", 2)
+
+    def echo(self, *arguments):
+        return list(arguments)
+
+    def fail(self):
+        raise ValueError("bad")
+
+    def relay(self, module, method, *arguments):
+        # A Python method that itself calls a proxy.
+        return ivelmo.proxy(module).pythonCall([method] + list(arguments))
+
+    def add(self, a, b):
+        return a + b
+
+
+@pytest.fixture
+def calc(root_broker):
+    module = Calc("Calc")
+    yield module
+    module.exit()
+
+
+def test_calls_reach_the_python_object(calc):
+    proxy = ivelmo.proxy("Calc")
+    assert proxy.pythonCall(["echo", 1, "x", b"\x00", 2.5, [True]]) == [1, "x", b"\x00", 2.5, [True]]
+    assert proxy.pythonCall(["add", 2, 3]) == 5
+    assert proxy.pythonCall(["getModuleHelp"]) == ["Adds and fails"]
+    assert proxy.pythonCall(["getMethodHelp", "add"]) == [
+        "add", "Adds two numbers", ["a", "Python's parameter", "b", "Python's parameter"], "", ""]
+    assert proxy.pythonCall(["getMethodHelp", "echo"])[:3] == [
+        "echo", "python method", ["empty param", "avoid exception"]]
+    assert calc.getName() == "Calc" and calc.getBrokerName() == "pytest"
+    assert calc.version() == "PythonModule"
+
+
+def test_a_python_method_calls_other_modules_through_proxies(calc):
+    class Other(ivelmo.module):
+        def __init__(self, name):
+            ivelmo.module.__init__(self, name)
+            self.BIND_PYTHON(name, "twice")
+
+        def twice(self, x):
+            return 2 * x
+
+    other = Other("Other")
+    try:
+        proxy = ivelmo.proxy("Calc")
+        assert proxy.pythonCall(["relay", "Other", "twice", 21]) == 42
+        assert proxy.pythonCall(["relay", "KXMemory", "ping"]) is True
+        # From a framework thread as well.
+        task = proxy.pythonPCall(["relay", "Other", "twice", 4])
+        assert proxy.wait(task, 0) is False
+    finally:
+        other.exit()
+
+
+def registered(name):
+    """The module object that Python keeps in __main__ under its name."""
+    import __main__
+    return getattr(__main__, name)
+
+
+ERRORS = [
+    (lambda: ivelmo.proxy("Calc").pythonCall(["fail"]),
+     "\tKXPythonModule::execute\n\t<class 'ValueError'>\nbad"),
+    (lambda: ivelmo.proxy("Calc").pythonCall(["echo", 1, 2, 3, 4, 5, 6, 7]), None),
+    (lambda: ivelmo.module(None), "\tmodule::module\n\tNULL value was passed as argument"),
+    (lambda: registered("Calc").functionName(None, "m", "d"),
+     "\tbaseModule::functionName\n\tNULL values were passed as arguments"),
+    (lambda: registered("Calc").addParam(None),
+     "\tbaseModule::addParam\n\tNULL values were passed as arguments"),
+    (lambda: registered("Calc").BIND_PYTHON(None, "f"),
+     "\tbaseModule::BIND_PYTHON\n\tNULL values were passed as arguments"),
+    (lambda: registered("Calc")._bindWithParam("Calc", None, 1),
+     "\tbaseModule::_bindWithParam\n\tNULL values were passed as arguments"),
+    (lambda: registered("Calc").functionName("call", "Calc", "d"),
+     "\tCalc::call\n\tCannot bind this method because the name is forbidden. Forbidden names "
+     "include subscribeToTask, post, pCall and call"),
+    (lambda: registered("Calc")._methodMissing(),
+     "\tmodule(python)::methodMissing\n\tFunction does not exist or not implemented"),
+    (lambda: ivelmo.baseModule().getName(),
+     "\tbaseModule::getName\n\tThis object was built without a module"),
+]
+
+
+@pytest.mark.parametrize("call, text", ERRORS)
+def test_errors_users_see(calc, call, text):
+    if text is None:
+        # More than six arguments reach no Python code: no error, no value.
+        assert call() is None
+        return
+    with pytest.raises(RuntimeError) as raised:
+        call()
+    assert str(raised.value) == text
+
+
+def test_an_object_gone_from_main_is_not_found(calc):
+    import __main__
+    del __main__.Calc
+    with pytest.raises(RuntimeError, match="\tKXPythonTools::eval\n\tpython object not found Calc"):
+        ivelmo.proxy("Calc").pythonCall(["echo"])
+
+
+def test_the_placeholders_answer_the_empty_text(calc, capfd):
+    capfd.readouterr()
+    with pytest.raises(RuntimeError):
+        calc._methodMissing()
+    assert capfd.readouterr().out == "\nreceive method missing\n"
+    assert calc._methodMissing0() == ""
+    assert ivelmo.baseModule._methodMissing6(calc, 1, 2, 3, 4, 5, 6) == ""
+    assert calc.autoBind("Calc", "echo", 1) is None
+
+
+def test_python_and_framework_threads_at_once(calc):
+    """16 Python threads call proxies while 16 framework threads call into the module."""
+    calls_each = 40
+    failures = []
+
+    def python_caller(index):
+        proxy = ivelmo.proxy("Calc", True)
+        memory = ivelmo.proxy("KXMemory")
+        for i in range(calls_each):
+            if proxy.pythonCall(["add", index, i]) != index + i:
+                failures.append((index, i))
+            memory.pythonCall(["insertData", f"t{index}", i])
+
+    threads = [threading.Thread(target=python_caller, args=(n,)) for n in range(16)]
+    for thread in threads:
+        thread.start()
+    proxy = ivelmo.proxy("Calc")
+    tasks = [proxy.pythonPCall(["add", n, 1000]) for n in range(16)]
+    for thread in threads:
+        thread.join(60)
+    assert not any(thread.is_alive() for thread in threads)
+    assert all(proxy.wait(task, 60000) is False for task in tasks)
+    assert failures == []
+    memory = ivelmo.getMemoryProxy()
+    assert [memory.getData(f"t{n}") for n in range(16)] == [calls_each - 1] * 16
+
+
+def test_shutdown_while_a_framework_thread_is_inside_python():
+    done = run_python("""
+        import threading, time, ivelmo
+        entered = threading.Event()
+        class Slow(ivelmo.module):
+            def __init__(self, name):
+                ivelmo.module.__init__(self, name)
+                self.BIND_PYTHON(name, "work")
+            def work(self):
+                entered.set()
+                time.sleep(0.3)   # needs the interpreter lock back afterwards
+                return "done"
+        b = ivelmo.broker("b", "127.0.0.1", 0, "", 0)
+        Slow("Slow")
+        ivelmo.proxy("Slow").pythonPCall(["work"])
+        assert entered.wait(30)
+        b.shutdown()
+        print("shut down")
+    """, timeout=60)
+    assert done.returncode == 0, done.stderr
+    assert "shut down" in done.stdout.splitlines()
+
+
+def test_exit_without_shutdown_stops_brokers_in_order():
+    done = run_python("""
+        import threading, time, ivelmo
+        started = threading.Semaphore(0)
+        class Slow(ivelmo.module):
+            def __init__(self, name):
+                ivelmo.module.__init__(self, name)
+                self.BIND_PYTHON(name, "work")
+            def work(self, n):
+                started.release()
+                time.sleep(0.2)
+                return n
+        ivelmo.broker("b", "127.0.0.1", 0, "", 0)
+        Slow("Slow")
+        proxy = ivelmo.proxy("Slow")
+        for n in range(4):
+            proxy.pythonPCall(["work", n])
+        for n in range(4):
+            assert started.acquire(timeout=30)
+        # A daemon thread still calling when the interpreter goes away.
+        def keep_calling():
+            while True:
+                try:
+                    proxy.pythonCall(["work", 0])
+                except RuntimeError:
+                    pass
+        threading.Thread(target=keep_calling, daemon=True).start()
+        print("leaving")
+    """, timeout=60)
+    assert done.returncode == 0, done.stdout + done.stderr
+    lines = done.stdout.splitlines()
+    assert lines.index("leaving") < lines.index("[INFO ] Stopping Slow") \
+        < lines.index("[INFO ] Stopping KXNetwork")
+    assert "Fatal" not in done.stderr
