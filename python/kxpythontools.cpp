@@ -1,12 +1,5 @@
 #include "python/kxpythontools.h"
 
-#ifndef PY_SSIZE_T_CLEAN
-#define PY_SSIZE_T_CLEAN
-#endif
-#include <Python.h>
-
-#include <vector>
-
 #include "python/pygil.h"
 #include "python/pyinterpreter.h"
 #include "python/pyref.h"

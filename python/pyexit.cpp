@@ -1,10 +1,5 @@
 #include "python/pyexit.h"
 
-#ifndef PY_SSIZE_T_CLEAN
-#define PY_SSIZE_T_CLEAN
-#endif
-#include <Python.h>
-
 #include "log/log.h"
 #include "python/pycurrentbroker.h"
 #include "python/pyinterpreter.h"

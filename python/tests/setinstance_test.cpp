@@ -36,7 +36,8 @@ class SetInstanceTest : public ::testing::Test {
  protected:
   void SetUp() override {
     host_ = KXBroker::createBroker("host", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive, "", false);
-    ASSERT_TRUE(testing::run("import ivelmo"));
+    ASSERT_TRUE(testing::run("import sys\nsys.path.insert(0, '" VELMO_EXTENSION_DIR "')\n"
+                             "import ivelmo"));
   }
   void TearDown() override {
     ScopedGILRelease release;
