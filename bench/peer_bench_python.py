@@ -19,7 +19,7 @@ Knobs (environment): those of bench-peers' common.py (BENCH_N, BENCH_WARMUP, BEN
 BENCH_C_SECONDS, BENCH_C_CLIENTS, BENCH_A_CAP_S, BENCH_WORKLOADS, BENCH_TAG), plus
 VELMO_BUILD (the build folder; default: the folder that holds the `ivelmo` found on
 PYTHONPATH, else <repo>/build) and BENCH_PEERS_DIR (where common.py lives; default
-/work/shared/bench-peers, then the current folder).
+the current folder, which is the suite's own when it runs this program).
 
 Usage: /usr/bin/python3 bench/peer_bench_python.py
 """
@@ -61,7 +61,8 @@ import ivelmo  # noqa: E402
 # ---------------------------------------------------------------- the harness
 
 def _import_common():
-    folders = [os.environ.get("BENCH_PEERS_DIR"), "/work/shared/bench-peers", os.getcwd()]
+    # The suite runs its peers from its own folder.
+    folders = [os.environ.get("BENCH_PEERS_DIR"), os.getcwd()]
     for folder in folders:
         if folder and os.path.exists(os.path.join(folder, "common.py")):
             if folder not in sys.path:

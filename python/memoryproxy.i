@@ -4,6 +4,9 @@
 %{
 #include "proxies/kxmemoryproxy.h"
 #include "python/pymemoryproxy.h"
+
+// The post handler's wrapped type carries its name without the namespace.
+using KX::KXMemoryProxyPostHandler;
 %}
 
 %exception {
@@ -17,9 +20,7 @@
 }
 
 // The post handler is reachable as the member `post` only, as an opaque object.
-namespace KX {
 class KXMemoryProxyPostHandler;
-}
 
 // Results by value are held without a default-constructed stand-in: constructing a
 // memory proxy looks for the memory module.
