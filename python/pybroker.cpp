@@ -31,10 +31,7 @@ broker::broker(char* name, char* ip, int port, char* parentIp, int parentPort) {
   python::setCurrentBroker(created);
 }
 
-broker::~broker() {
-  // The handle is empty: the manager has nothing to remove, the broker keeps running.
-  if (handle_) KXBrokerManager::getInstance()->removeBroker(handle_);
-}
+broker::~broker() = default;
 
 void broker::shutdown() {
   python::ScopedGILRelease release;

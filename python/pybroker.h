@@ -1,13 +1,9 @@
 #ifndef VELMO_PYTHON_PYBROKER_H_
 #define VELMO_PYTHON_PYBROKER_H_
 
-#include <memory>
-
 #include "value/kxvalue.h"
 
 namespace KX {
-
-class KXBroker;
 
 // Python's `broker`: creating one makes this process a member of a broker tree, as its
 // root (empty parent IP) or as a child of the broker at the parent's address. The new
@@ -22,6 +18,7 @@ class broker {
   // KXResourceManager). Null arguments: KXError("broker", "broker", "NULL values were
   // passed as arguments"); creation errors pass through.
   broker(char* name, char* ip, int port, char* parentIp, int parentPort);
+  // Leaves the broker running: it stops on shutdown() or at interpreter exit.
   ~broker();
   broker(const broker&) = delete;
   broker& operator=(const broker&) = delete;
@@ -33,10 +30,6 @@ class broker {
   // [[name], [name], ...] for every module of the tree below the current broker;
   // Invalid (None) without one.
   KXValue getGlobalModuleList();
-
- private:
-  // Stays empty: the broker is reachable as the current broker only.
-  std::shared_ptr<KXBroker> handle_;
 };
 
 // Makes the broker that a host process created, at `address`, the current broker of
