@@ -1,10 +1,13 @@
 """Shared kit of the Python tests: the build's programs, a broker per test, and
 programs of their own (fresh interpreters, broker processes) with bounded waits."""
+import collections
 import os
+import queue
 import re
 import subprocess
 import sys
 import textwrap
+import threading
 import time
 
 import pytest
@@ -32,26 +35,34 @@ def run_python(code, timeout=PATIENCE_S):
 
 
 class Program:
-    """A program of the test's own; stopped (SIGTERM, then SIGKILL) by stop()."""
+    """A program of the test's own. Its output is read as it comes, so that waiting for
+    a line never outlasts the patience; stopped (SIGTERM, then SIGKILL) by stop()."""
 
     def __init__(self, argv, stdin=subprocess.DEVNULL):
         self.process = subprocess.Popen(argv, env=env_with_binding(), stdin=stdin,
                                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                         text=True)
-        self.lines = []
+        self.lines = queue.Queue()
+        threading.Thread(target=self._read, daemon=True).start()
+
+    def _read(self):
+        for line in self.process.stdout:
+            self.lines.put(line)
 
     def wait_for(self, pattern):
-        """Reads output lines until one matches `pattern`; returns the match."""
+        """Waits for an output line that matches `pattern`; returns the match."""
         deadline = time.monotonic() + PATIENCE_S
+        seen = []
         while time.monotonic() < deadline:
-            line = self.process.stdout.readline()
-            if not line:
+            try:
+                line = self.lines.get(timeout=max(0.0, deadline - time.monotonic()))
+            except queue.Empty:
                 break
-            self.lines.append(line)
+            seen.append(line)
             match = re.search(pattern, line)
             if match:
                 return match
-        raise AssertionError(f"no line matching {pattern!r} in {''.join(self.lines)!r}")
+        raise AssertionError(f"no line matching {pattern!r} in {''.join(seen)!r}")
 
     def stop(self):
         if self.process.poll() is None:
@@ -61,24 +72,10 @@ class Program:
             except subprocess.TimeoutExpired:
                 self.process.kill()
                 self.process.wait()
-        rest = self.process.stdout.read()
-        self.process.stdout.close()
-        self.lines.append(rest)
-        return "".join(self.lines)
 
 
 LISTENING = r"Velmo is listening on 127\.0\.0\.1:(\d+)"
 READY = r"READY (\d+)"
-
-
-@pytest.fixture
-def velmo_root():
-    """The broker program as the root of a tree, on a free port; yields its port."""
-    root = Program([os.path.join(BIN_DIR, "velmo"), "--name", "root", "--ip", "127.0.0.1",
-                    "--port", "0"])
-    port = int(root.wait_for(LISTENING).group(1))
-    yield port
-    root.stop()
 
 
 @pytest.fixture
@@ -96,10 +93,15 @@ def start_program():
         program.stop()
 
 
-class RootBroker:
-    def __init__(self, broker, port):
-        self.broker = broker
-        self.port = port
+@pytest.fixture
+def velmo_root(start_program):
+    """The broker program as the root of a tree, on a free port; gives its port."""
+    root = start_program([os.path.join(BIN_DIR, "velmo"), "--name", "root", "--ip", "127.0.0.1",
+                          "--port", "0"])
+    return int(root.wait_for(LISTENING).group(1))
+
+
+RootBroker = collections.namedtuple("RootBroker", "broker port")
 
 
 @pytest.fixture
