@@ -44,17 +44,13 @@ KXBehavior::~KXBehavior() {
 }
 
 std::shared_ptr<KXProxy> KXBehavior::Impl::proxyToSelf(KXModuleCore& box) {
-  std::lock_guard<std::mutex> lock(selfProxyMutex);
-  if (!selfProxy) {
-    try {
-      selfProxy = box.getParentBroker()->getProxy(box.getName());
-    } catch (const KXError&) {
-      KX_THROW(kBehaviorModule, "dataChanged",
-               "This behavior has no proxy to itself, unable to use notification from "
-               "KXMemory...");
-    }
+  try {
+    return box.getParentBroker()->getProxy(box.getName());
+  } catch (const KXError&) {
+    KX_THROW(kBehaviorModule, "dataChanged",
+             "This behavior has no proxy to itself, unable to use notification from "
+             "KXMemory...");
   }
-  return selfProxy;
 }
 
 KXResourceManagerProxy& KXBehavior::Impl::resources(const std::string& method) {

@@ -112,7 +112,7 @@ void KXBehavior::_dataChanged(const std::string& eventName, const KXValue& value
 }
 
 void KXBehavior::notify(const std::string& eventName, const KXValue& value) {
-  const std::shared_ptr<KXProxy> self = impl_->proxyToSelf(*this);
+  const std::shared_ptr<KXProxy> self = Impl::proxyToSelf(*this);
   // Collected under the lock, called without it: an input method may use the box.
   std::vector<detail::KXBehaviorCall> calls;
   {

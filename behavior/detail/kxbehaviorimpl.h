@@ -59,16 +59,12 @@ struct KXBehaviorCall {
 
 }  // namespace detail
 
-// Lock order: `mutex`, `selfProxyMutex` and `timelineMutex` are never held together, and
+// Lock order: `mutex` and `timelineMutex` are never held together, and
 // none is held while the box calls out of itself.
 struct KXBehavior::Impl {
   // Null when the module was not found at construction.
   std::unique_ptr<KXMemoryProxy> memory;
   std::unique_ptr<KXResourceManagerProxy> resourceManager;
-
-  // Made on first need: the box is registered only after its constructor has run.
-  std::mutex selfProxyMutex;
-  std::shared_ptr<KXProxy> selfProxy;
 
   std::mutex mutex;
   std::vector<detail::KXBehaviorInput> inputs;
@@ -87,8 +83,10 @@ struct KXBehavior::Impl {
   std::shared_ptr<KXTimeline> timeline;
   std::weak_ptr<KXTimeline> parentTimeline;
 
+  // The broker's shared proxy to the box (asked at each notification: the box is
+  // registered only after its constructor has run, and the broker keeps the proxy).
   // Throws when the box is no longer registered in a living broker.
-  std::shared_ptr<KXProxy> proxyToSelf(KXModuleCore& box);
+  static std::shared_ptr<KXProxy> proxyToSelf(KXModuleCore& box);
   // Throws KXError("KXBehavior", method, ...) without a resource manager.
   KXResourceManagerProxy& resources(const std::string& method);
 };
