@@ -4,7 +4,6 @@ import threading
 
 import pytest
 
-import _ivelmo
 import ivelmo
 from conftest import run_python
 
@@ -109,8 +108,6 @@ def test_what_the_module_object_answers_itself(calc, capfd):
         calc._methodMissing()
     assert capfd.readouterr().out == "\nreceive method missing\n"
     assert calc._methodMissing0() == ""
-    assert ivelmo.baseModule._methodMissing6(calc, 1, 2, 3, 4, 5, 6) == ""
-    assert calc.autoBind("Calc", "echo", 1) is None
 
 
 def test_python_and_framework_threads_at_once(calc):
