@@ -67,8 +67,11 @@ class KXBehavior : public KXModule {
   void setParameter(const std::string& name, const KXValue& value);
   // Deprecated: an Array of [name, value] pairs, each set with setParameter.
   void setParameters(const KXValue& pairs);
-  // Deprecated: makes the registered box `parentName` this box's parent.
+  // Deprecated: makes the registered box `parentName` this box's parent (and its
+  // timeline the parent timeline). A parent that descends from this box is a KXError.
   void setParentFromName(const std::string& parentName);
+  // Null when no parent is set or the parent is gone.
+  std::shared_ptr<KXBehavior> parentBox();
 
   // ---- State
   void setEnabled(const bool& enabled);

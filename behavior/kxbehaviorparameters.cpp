@@ -140,8 +140,22 @@ void KXBehavior::setParentFromName(const std::string& parentName) {
   if (!parent) {
     KX_THROW(kBehaviorModule, "setParentFromName", prefix + ": parent is not a valid KXBehavior.");
   }
+  // A cycle would send parameter look-ups round it for ever.
+  for (std::shared_ptr<KXBehavior> ancestor = parent; ancestor; ancestor = ancestor->parentBox()) {
+    if (ancestor.get() == this) {
+      KX_THROW(kBehaviorModule, "setParentFromName", prefix + ": parent would make a cycle.");
+    }
+  }
+  {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->parent = parent;
+  }
+  setParentTimeline(parent->getTimeline());
+}
+
+std::shared_ptr<KXBehavior> KXBehavior::parentBox() {
   std::lock_guard<std::mutex> lock(impl_->mutex);
-  impl_->parent = parent;
+  return impl_->parent.lock();
 }
 
 }  // namespace KX

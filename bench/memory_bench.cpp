@@ -3,7 +3,6 @@
 // time until 100 subscribers of one micro event have all been called.
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -11,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/latency_counters.h"
 #include "broker/kxbroker.h"
 #include "memory/kxmemory.h"
 #include "module/kxmodulecore.h"
@@ -132,10 +132,7 @@ void BM_MicroEventLatency(benchmark::State& state) {
     }
     micros.push_back(static_cast<double>(f.single->lastNanos.load() - raised) / 1000.0);
   }
-  if (micros.empty()) return;
-  std::sort(micros.begin(), micros.end());
-  state.counters["median_us"] = micros[micros.size() / 2];
-  state.counters["p99_us"] = micros[std::min(micros.size() - 1, micros.size() * 99 / 100)];
+  velmo_bench::reportLatency(state, micros);
 }
 BENCHMARK(BM_MicroEventLatency)->UseRealTime();
 
@@ -156,10 +153,7 @@ void BM_FanOut100(benchmark::State& state) {
     state.SetIterationTime(elapsed.count());
     micros.push_back(elapsed.count() * 1e6);
   }
-  if (micros.empty()) return;
-  std::sort(micros.begin(), micros.end());
-  state.counters["median_us"] = micros[micros.size() / 2];
-  state.counters["p99_us"] = micros[std::min(micros.size() - 1, micros.size() * 99 / 100)];
+  velmo_bench::reportLatency(state, micros);
 }
 BENCHMARK(BM_FanOut100)->UseManualTime();
 

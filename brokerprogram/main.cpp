@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "behavior/kxbehaviormanager.h"
 #include "broker/kxbroker.h"
 #include "brokerprogram/brokeroptions.h"
 #include "memory/kxstandardmodules.h"
@@ -43,6 +44,7 @@ int main(int argc, char** argv) {
     if (options.parentIp.empty()) {
       KX::addStandardModules(broker);
     }
+    KX::addBehaviorManager(broker);
   } catch (const KX::KXError& error) {
     std::cerr << argv[0] << ": cannot start the broker:\n" << error.what() << std::endl;
     if (broker) {

@@ -19,6 +19,14 @@
 #define SWIG_Python_RaiseOrModifyTypeError(message) KX::python::setOverloadError(message)
 %}
 
+// None converts to a null pointer: as the object of a method it is refused as any other
+// object of the wrong type would be. `broker` is the exception: its methods act on
+// Python's current broker and never read the object.
+%typemap(check) SWIGTYPE* self {
+  if (!$1) SWIG_exception_fail(SWIG_TypeError, "in method '" "$symname" "', argument 1 of type '" "$1_type" "'");
+}
+%typemap(check) KX::broker* self "";
+
 // std_except.i maps the containers' standard exceptions to Python classes
 // (std::invalid_argument to ValueError, std::out_of_range to IndexError).
 %include "std_except.i"
@@ -46,6 +54,7 @@
 %include "kxvalue.i"
 %include "kxsystem.i"
 %include "broker.i"
+%include "behavior.i"
 // Last: it releases the interpreter lock in every wrapper that follows it.
 %include "memoryproxy.i"
 

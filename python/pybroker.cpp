@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "behavior/kxbehaviormanager.h"
 #include "broker/kxbroker.h"
 #include "broker/kxbrokermanager.h"
 #include "log/log.h"
@@ -27,6 +28,7 @@ broker::broker(char* name, char* ip, int port, char* parentIp, int parentPort) {
   const std::shared_ptr<KXBroker> created =
       KXBroker::createBroker(name, ip, port, parentIp, parentPort, KXBroker::kKeepAlive, "", true);
   if (!created->hasParent()) addStandardModules(created);
+  addBehaviorManager(created);
   python::rememberCreatedBroker(created);
   python::setCurrentBroker(created);
 }

@@ -1,7 +1,6 @@
 #include "python/pymodule.h"
 
 #include <cstdio>
-#include <utility>
 
 #include "broker/kxbroker.h"
 #include "python/kxpythonmodule.h"
@@ -20,18 +19,21 @@ baseModule::baseModule() = default;
 
 baseModule::~baseModule() = default;
 
-KXPythonModule& baseModule::target(const char* operation) const {
+KXModuleCore& baseModule::target(const char* operation) const {
   if (!module_) KX_THROW("baseModule", operation, "This object was built without a module");
   return *module_;
 }
 
-void baseModule::setTarget(std::shared_ptr<KXPythonModule> module) { module_ = std::move(module); }
+KXPythonMethodBinder& baseModule::binder(const char* operation) const {
+  target(operation);
+  return *binder_;
+}
 
 void baseModule::BIND_PYTHON(char* moduleName, char* methodName) {
   if (moduleName == nullptr || methodName == nullptr) {
     KX_THROW("baseModule", "BIND_PYTHON", kNullArguments);
   }
-  KXPythonModule& module = target("BIND_PYTHON");
+  KXPythonMethodBinder& module = binder("BIND_PYTHON");
   python::ScopedGILRelease release;
   module.bindPythonMethod(moduleName, methodName, -1);
 }
@@ -40,27 +42,27 @@ void baseModule::_bindWithParam(char* moduleName, char* methodName, int count) {
   if (moduleName == nullptr || methodName == nullptr) {
     KX_THROW("baseModule", "_bindWithParam", kNullArguments);
   }
-  KXPythonModule& module = target("_bindWithParam");
+  KXPythonMethodBinder& module = binder("_bindWithParam");
   python::ScopedGILRelease release;
   module.bindPythonMethod(moduleName, methodName, count);
 }
 
 void baseModule::autoBind(const std::string& moduleName, const std::string& methodName, int count) {
-  target("autoBind").bindPythonMethod(moduleName, methodName, count);
+  binder("autoBind").bindPythonMethod(moduleName, methodName, count);
 }
 
 void baseModule::functionName(char* name, char* moduleName, char* description) {
   if (name == nullptr || moduleName == nullptr || description == nullptr) {
     KX_THROW("baseModule", "functionName", kNullArguments);
   }
-  KXPythonModule& module = target("functionName");
+  KXPythonMethodBinder& module = binder("functionName");
   python::ScopedGILRelease release;
   module.describePythonMethod(name, moduleName, description);
 }
 
 void baseModule::addParam(char* name) {
   if (name == nullptr) KX_THROW("baseModule", "addParam", kNullArguments);
-  KXPythonModule& module = target("addParam");
+  KXModuleCore& module = target("addParam");
   python::ScopedGILRelease release;
   module.addParam(name, "Python's parameter");
 }
@@ -70,7 +72,7 @@ void baseModule::setModuleDescription(char* text) {
 }
 
 void baseModule::exit() {
-  KXPythonModule& module = target("exit");
+  KXModuleCore& module = target("exit");
   python::ScopedGILRelease release;
   module.exit();
 }
@@ -78,7 +80,7 @@ void baseModule::exit() {
 std::string baseModule::getName() { return target("getName").getName(); }
 
 std::string baseModule::getBrokerName() {
-  KXPythonModule& module = target("getBrokerName");
+  KXModuleCore& module = target("getBrokerName");
   python::ScopedGILRelease release;
   return module.getBrokerName();
 }

@@ -6,10 +6,11 @@
 
 namespace KX {
 
-class KXPythonModule;
+class KXModuleCore;
+class KXPythonMethodBinder;
 
 // Python's `baseModule`: the Python face of a module whose methods a Python object
-// answers (KXPythonModule). Holds a shared handle to it, empty after the plain
+// answers (KXPythonModule, KXPythonBehavior). Holds a shared handle to it, empty after the plain
 // constructor (which only subclasses use; the operations then fail with KXError).
 // Called by Python with the interpreter lock held; operations that reach the framework
 // release it meanwhile, except setModuleDescription and autoBind, which only describe.
@@ -56,11 +57,17 @@ class baseModule {
 
  protected:
   // The module; KXError("baseModule", `operation`, ...) when the handle is empty.
-  KXPythonModule& target(const char* operation) const;
-  void setTarget(std::shared_ptr<KXPythonModule> module);
+  KXModuleCore& target(const char* operation) const;
+  KXPythonMethodBinder& binder(const char* operation) const;
+  template <class M>
+  void setTarget(const std::shared_ptr<M>& module) {
+    binder_ = module.get();
+    module_ = module;
+  }
 
  private:
-  std::shared_ptr<KXPythonModule> module_;
+  std::shared_ptr<KXModuleCore> module_;
+  KXPythonMethodBinder* binder_ = nullptr;  // module_ itself, seen as a binder
 };
 
 // Python's `module`: creates a KXPythonModule named `name` in the current broker and

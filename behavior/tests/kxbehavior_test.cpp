@@ -16,6 +16,7 @@
 
 #include "behavior/kxbehavior.h"
 #include "behavior/kxtimeline.h"
+#include "behavior/tests/behaviortestkit.h"
 #include "broker/kxbroker.h"
 #include "log/tests/logtestsupport.h"
 #include "memory/kxmemory.h"
@@ -29,66 +30,6 @@ namespace {
 
 using testing_util::arrayOf;
 using testing_util::errorText;
-
-constexpr std::chrono::seconds kDeliveryTimeout{30};
-
-std::string kxError(const std::string& module, const std::string& method,
-                    const std::string& description) {
-  return "\t" + module + "::" + method + "\n\t" + description;
-}
-
-// A box whose input "onData" records every value it receives.
-class RecordingBox : public KXBehavior {
- public:
-  RecordingBox(const std::shared_ptr<KXBroker>& broker, const std::string& name)
-      : KXBehavior(broker, name) {
-    functionName("onInput_onData__", "RecordingBox", "Records the value.");
-    addParam("value", "the value received");
-    bindMethod(&RecordingBox::onData);
-  }
-  void onData(const KXValue& value) {
-    if (!isEnabled()) return;  // an input method may use its own box
-    std::lock_guard<std::mutex> lock(mutex_);
-    received_.push_back(value);
-    changed_.notify_all();
-  }
-  // The values received, once `count` have arrived or after `timeout` (then fewer).
-  std::vector<KXValue> waitFor(std::size_t count, std::chrono::seconds timeout) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, timeout, [&] { return received_.size() >= count; });
-    return received_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<KXValue> received_;
-};
-
-// A broker of this process under a name of its own, with the standard modules or not.
-class BrokerTest : public ::testing::Test {
- protected:
-  explicit BrokerTest(bool withStandardModules = true) : standard_(withStandardModules) {}
-  void SetUp() override {
-    static std::atomic<int> counter{0};
-    broker_ = KXBroker::createBroker("behaviorTest" + std::to_string(++counter), "127.0.0.1", 0, "",
-                                     0, KXBroker::kKeepAlive, "", false);
-    if (standard_) addStandardModules(broker_);
-  }
-  void TearDown() override { broker_->shutdown(); }
-  std::shared_ptr<KXMemory> memory() const {
-    return std::dynamic_pointer_cast<KXMemory>(broker_->getModuleCore("KXMemory"));
-  }
-  const bool standard_;
-  std::shared_ptr<KXBroker> broker_;
-};
-
-class BareBrokerTest : public BrokerTest {
- protected:
-  BareBrokerTest() : BrokerTest(false) {}
-};
-
-using BoxTest = BrokerTest;
 
 TEST_F(BoxTest, StimulatedOutputReachesTheLinkedInputInOrder) {
   auto sender = createModule<KXBehavior>(broker_, "Sender");
@@ -145,13 +86,17 @@ TEST_F(BoxTest, WaitResourceFreeThrowsWhenTheBoxIsStoppedDuringTheWait) {
   EXPECT_EQ(text.get(), kxError("KXBehavior", "waitResourceFree", "Box stopped during wait"));
 }
 
-TEST_F(BoxTest, ParametersAreReadFromTheBoxOrItsParent) {
+TEST_F(BoxTest, ParametersAndTimelineComeFromTheBoxOrItsParent) {
   auto parent = createModule<KXBehavior>(broker_, "Parent");
   auto child = createModule<KXBehavior>(broker_, "Child");
+  const auto timeline = std::make_shared<FixedTimeline>();
+  parent->setTimeline(timeline);
   parent->addParameter("speed", KXValue(3), false);
   child->addParameter("speed", KXValue(1), true);
   child->addParameter("own", KXValue(2), false);
   child->setParentFromName("Parent");
+  EXPECT_EQ(child->getParentTimeline(), timeline);
+  EXPECT_THROW(parent->setParentFromName("Child"), KXError);  // a cycle
   EXPECT_EQ(child->getParameter("speed"), KXValue(3));
   EXPECT_EQ(child->getParameter("own"), KXValue(2));
   child->setParameter("speed", KXValue(9));  // inherited: not set
@@ -178,18 +123,6 @@ TEST_F(BoxTest, TheMethodsArePublishedInOrderWithTheirDescriptions) {
   ASSERT_GE(published.size(), visible.size());
   EXPECT_EQ(std::vector<std::string>(published.end() - visible.size(), published.end()), visible);
 }
-
-class FixedTimeline : public KXTimeline {
- public:
-  void play() override {}
-  void pause() override {}
-  void stop() override {}
-  void goTo(const std::string&) override {}
-  void goTo(const int&) override {}
-  int getSize() override { return 12; }
-  int getFPS() override { return 25; }
-  void setFPS(int) override {}
-};
 
 TEST_F(BoxTest, TheBoxKeepsItsTimelineButNotItsParents) {
   auto box = createModule<KXBehavior>(broker_, "Box");
@@ -332,6 +265,8 @@ TEST_F(BoxTest, ErrorsCarryTheirTexts) {
        "Could not define a parent ofBox: parent does not exist."},
       {[&] { box->setParentFromName("KXMemory"); }, "setParentFromName",
        "Could not define a parent ofBox: parent is not a valid KXBehavior."},
+      {[&] { box->setParentFromName("Box"); }, "setParentFromName",
+       "Could not define a parent ofBox: parent would make a cycle."},
       {[&] { unregistered->dataChanged("E", KXValue(1), ""); }, "dataChanged",
        "This behavior has no proxy to itself, unable to use notification from KXMemory..."},
       {[&] { box->connectInput("x", "E"); }, "connectInput", "Input \"x\" does not exist."},

@@ -95,7 +95,8 @@ def test_without_a_broker_then_with_one_dropped_and_shut_down():
               "\tmodule::module\n\tCould not create a module" + no_world, NO_BROKER, False, None,
               None]),
         # The broker answered after its object was dropped, and stopped on shutdown only.
-        "True", "[INFO ] Stop broker b", "[INFO ] Stopping KXResourceManager",
+        "True", "[INFO ] Stop broker b", "[INFO ] Stopping KXBehaviorManager",
+        "[INFO ] Stopping KXResourceManager",
         "[INFO ] Stopping KXMemory", "[INFO ] Stopping KXNetwork", "True"]
 
 

@@ -39,6 +39,17 @@ CATALOGUE = [
 ] + [f"baseModule__methodMissing{n}" for n in range(7)] + [
     "new_module", "delete_module", "module_BIND_PYTHON", "module_exit", "module_getName",
     "module_getBrokerName", "module__methodMissing", "module_version", "module_swigregister",
+    "new_behavior", "delete_behavior", "behavior_swigregister",
+] + [f"behavior_{name}" for name in """
+    setEnabled isEnabled setResources waitFor waitResourcesCallback isResourceFree
+    waitResourceFree waitResources releaseResource addInput addOutput addParameter getParameter
+    getParametersList setParameter stimulateIO BIND_PYTHON setModuleDescription addParam exit
+    getName getBrokerName _methodMissing version hasTimeline hasParentTimeline getTimeline
+    getParentTimeline
+""".split()] + [
+    "new_timeline", "delete_timeline", "timeline_swigregister", "timeline_play",
+    "timeline_pause", "timeline_stop", "timeline_goTo", "timeline_getSize", "timeline_getFPS",
+    "timeline_setFPS",
     "new_KXMemoryProxy", "delete_KXMemoryProxy", "KXMemoryProxy_swigregister",
 ] + [f"KXMemoryProxy_{name}" for name in """
     post_set post_get getGenericProxy declareEvent exit getBrokerName getData getDataList
@@ -77,9 +88,41 @@ def test_extension_uses_the_shared_framework_library_and_not_libpython():
     assert not [name for name in needed if name.startswith("libpython")]
 
 
-@pytest.mark.parametrize("name", CATALOGUE)
-def test_catalogue_function_exists(name):
-    assert callable(getattr(_ivelmo, name))
+def test_every_catalogue_function_exists():
+    assert [name for name in CATALOGUE if not callable(getattr(_ivelmo, name, None))] == []
+
+
+VECTOR = "std::vector< std::string,std::allocator< std::string > > const &"
+BOX, TIMELINE = object(), object()  # stand for a box and a timeline of the test's own
+# (function, its arguments, the argument refused, its declared type)
+DECLARED_TYPES = [
+    ("new_behavior", [1], 1, "char *"),
+    ("behavior_isEnabled", [None], 1, "KX::behavior *"),  # None is no object
+    ("KXMemoryProxy_ping", [None], 1, "KX::KXMemoryProxy *"),
+    ("behavior_addInput", [BOX, 5], 2, "char *"),
+    ("behavior_addOutput", [BOX, 5, True], 2, "char *"),
+    ("behavior_getParameter", [BOX, 1], 2, "char *"),
+    ("behavior_setResources", [BOX, 5, 1], 2, VECTOR),
+    ("behavior_setResources", [BOX, ["a"], "1"], 3, "int"),
+    ("behavior_waitFor", [BOX, ["a"], 5, 1, 1], 3, "char const *"),
+    ("behavior_waitFor", [BOX, ["a"], "cb", 1, "1"], 5, "int"),
+    ("behavior_waitResourcesCallback", [BOX, 1], 2, "char const *"),
+    ("behavior_isResourceFree", [BOX, [1]], 2, VECTOR),
+    ("new_timeline", [BOX], 1, "std::shared_ptr< KX::KXTimeline >"),
+    ("timeline_play", [BOX], 1, "KX::timeline *"),
+    ("timeline_setFPS", [TIMELINE, "25"], 2, "int"),
+]
+
+
+@pytest.mark.parametrize("function, arguments, refused, declared", DECLARED_TYPES)
+def test_arguments_of_other_types_are_refused_with_their_declared_type(
+        root_broker, function, arguments, refused, declared):
+    box = ivelmo.behavior("Typed")
+    stand_ins = {id(BOX): box, id(TIMELINE): box.getTimeline()}
+    arguments = [stand_ins.get(id(argument), argument) for argument in arguments]
+    with pytest.raises(TypeError) as raised:
+        getattr(_ivelmo, function)(*arguments)
+    assert str(raised.value) == f"in method '{function}', argument {refused} of type '{declared}'"
 
 
 def test_no_framework_error_type_leaks_into_the_module():

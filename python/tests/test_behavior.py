@@ -1,0 +1,137 @@
+"""Behaviour boxes written in Python: loaded and linked by the behaviour host, driving
+their timeline, and chained with native boxes across processes."""
+import os
+import subprocess
+import threading
+import time
+
+import pytest
+
+import ivelmo
+from conftest import BIN_DIR, PATIENCE_S
+
+
+class RecordingBox(ivelmo.behavior):
+    """A box with one input "in" that records what it receives, an output "out", a
+    parameter "speed", and an onLoad that reads it."""
+
+    def __init__(self, name):
+        ivelmo.behavior.__init__(self, name)
+        self.values = []
+        self.speed_on_load = None
+        self.addInput("in")
+        self.addOutput("out", False)
+        self.addParameter("speed", 3, False)
+        for method in ("onInput_in__", "onLoad", "received"):
+            self.BIND_PYTHON(name, method)
+
+    def onInput_in__(self, value):
+        self.values.append(value)
+
+    def onLoad(self):
+        self.speed_on_load = self.getParameter("speed")
+
+    def received(self):
+        return self.values
+
+
+def wait_until(predicate):
+    deadline = time.monotonic() + PATIENCE_S
+    while not predicate():
+        assert time.monotonic() < deadline, "timed out"
+        time.sleep(0.02)
+
+
+def test_the_host_loads_python_boxes_and_links_them(root_broker):
+    source, sink = RecordingBox("Source"), RecordingBox("Sink")
+    manager = ivelmo.proxy("KXBehaviorManager")
+    manager.pythonCall(["loadBehavior", "Source"])
+    assert source.speed_on_load == 3
+    assert manager.pythonCall(["getLoadedBehaviors"]) == ["Source"]
+    manager.pythonCall(["linkBehaviors", "Source", "out", "Sink", "in"])
+    for value in (1, "two", [3.5, b"\x00"]):
+        source.stimulateIO("out", value)
+    wait_until(lambda: len(sink.values) == 3)
+    assert sink.values == [1, "two", [3.5, b"\x00"]]
+    source.setParameter("speed", 4.5)
+    assert source.getParameter("speed") == 4.5
+    with pytest.raises(RuntimeError, match='Parameter "x" does not exist.'):
+        source.setParameter("x", 1)
+
+
+def test_a_timeline_driven_from_python_while_the_host_drops_it(root_broker):
+    box = RecordingBox("Timed")
+    manager = ivelmo.proxy("KXBehaviorManager")
+    manager.pythonCall(["setTimeline", "Timed", 100, 25])
+    manager.pythonCall(["addTimelineLabel", "Timed", "start", 5])
+    timeline = box.getTimeline()
+    assert (box.hasTimeline(), timeline.getSize(), timeline.getFPS()) == (True, 100, 25)
+    timeline.goTo(12)
+    assert manager.pythonCall(["getTimelineFrame", "Timed"]) == 12
+    timeline.goTo("start")
+    assert manager.pythonCall(["getTimelineFrame", "Timed"]) == 5
+    with pytest.raises(NotImplementedError, match="overloaded function 'timeline_goTo'"):
+        timeline.goTo(1.5)
+
+    sizes, removed = [], threading.Event()
+
+    def drive():  # until 50 operations after the host dropped the timeline
+        after = 0
+        while after < 50 and len(sizes) < 100000:
+            timeline.goTo(1 + len(sizes) % 100)
+            timeline.play()
+            sizes.append(timeline.getSize())
+            after += removed.is_set()
+
+    driver = threading.Thread(target=drive)
+    driver.start()
+    wait_until(lambda: len(sizes) >= 50)
+    manager.pythonCall(["removeTimeline", "Timed"])
+    removed.set()
+    driver.join(PATIENCE_S)
+    assert not driver.is_alive()
+    assert set(sizes) <= {100, 0} and sizes[-50:] == [0] * 50
+    assert not box.hasTimeline()
+    assert (timeline.play(), timeline.getSize(), timeline.getFPS()) == (None, 0, 0)
+
+
+# Runs in velmo_boxhost beside its native box "Relay": links Source.out to Relay.in and
+# Relay.out to the Python box Sink.in in that process.
+CHAIN_HOST_SCRIPT = """
+import ivelmo
+ivelmo.setInstance(ADDRESS)
+class SinkBox(ivelmo.behavior):
+    def __init__(self, name):
+        ivelmo.behavior.__init__(self, name)
+        self.values = []
+        self.addInput("in")
+        self.BIND_PYTHON(name, "onInput_in__")
+        self.BIND_PYTHON(name, "received")
+    def onInput_in__(self, value):
+        self.values.append(value)
+    def received(self):
+        return self.values
+SinkBox("Sink")
+manager = ivelmo.proxy("KXBehaviorManager")
+manager.pythonCall(["linkBehaviors", "Source", "out", "Relay", "in"])
+manager.pythonCall(["linkBehaviors", "Relay", "out", "Sink", "in"])
+print("BOXES READY", flush=True)
+"""
+
+
+def test_values_cross_a_chain_of_boxes_over_two_processes_in_order(root_broker, start_program,
+                                                                    tmp_path):
+    source = RecordingBox("Source")
+    script = tmp_path / "chain.py"
+    script.write_text(CHAIN_HOST_SCRIPT)
+    host = start_program([os.path.join(BIN_DIR, "velmo_boxhost"), str(root_broker.port),
+                          str(script)], stdin=subprocess.PIPE)
+    host.wait_for("BOXES READY")
+    count = 1000
+    for value in range(count):
+        source.stimulateIO("out", value)
+    sink = ivelmo.proxy("Sink")
+    wait_until(lambda: len(sink.pythonCall(["received"])) >= count)
+    assert sink.pythonCall(["received"]) == list(range(count))
+    host.process.stdin.close()
+    assert host.process.wait(PATIENCE_S) == 0
