@@ -1,5 +1,5 @@
 // The behaviour tests' kit: a broker per test, a box that records what its input
-// receives, a timeline of fixed answers, and the text of a KXError.
+// receives, and the text of a KXError.
 #ifndef VELMO_BEHAVIOR_TESTS_BEHAVIORTESTKIT_H_
 #define VELMO_BEHAVIOR_TESTS_BEHAVIORTESTKIT_H_
 
@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "behavior/kxbehavior.h"
-#include "behavior/kxtimeline.h"
 #include "broker/kxbroker.h"
 #include "memory/kxmemory.h"
 #include "memory/kxstandardmodules.h"
@@ -82,18 +81,6 @@ class BareBrokerTest : public BrokerTest {
 };
 
 using BoxTest = BrokerTest;
-
-class FixedTimeline : public KXTimeline {
- public:
-  void play() override {}
-  void pause() override {}
-  void stop() override {}
-  void goTo(const std::string&) override {}
-  void goTo(const int&) override {}
-  int getSize() override { return 12; }
-  int getFPS() override { return 25; }
-  void setFPS(int) override {}
-};
 
 }  // namespace testing
 }  // namespace KX

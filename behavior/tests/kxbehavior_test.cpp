@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "behavior/kxbehavior.h"
-#include "behavior/kxtimeline.h"
 #include "behavior/tests/behaviortestkit.h"
 #include "broker/kxbroker.h"
 #include "log/tests/logtestsupport.h"
@@ -30,19 +29,6 @@ namespace {
 
 using testing_util::arrayOf;
 using testing_util::errorText;
-
-TEST_F(BoxTest, StimulatedOutputReachesTheLinkedInputInOrder) {
-  auto sender = createModule<KXBehavior>(broker_, "Sender");
-  sender->addOutput("onData", false);
-  auto receiver = createModule<RecordingBox>(broker_, "Receiver");
-  receiver->addInput("onData");
-  receiver->connectInput("onData", "Sender__onData");
-  constexpr int kCount = 1000;
-  for (int i = 0; i < kCount; ++i) sender->stimulateIO("onData", KXValue(i));
-  const std::vector<KXValue> received = receiver->waitFor(kCount, kDeliveryTimeout);
-  ASSERT_EQ(received.size(), static_cast<std::size_t>(kCount));
-  for (int i = 0; i < kCount; ++i) EXPECT_EQ(received[i], KXValue(i)) << "value #" << i;
-}
 
 TEST_F(BoxTest, AFailedInputDoesNotKeepTheOtherInputsFromRunning) {
   auto box = createModule<RecordingBox>(broker_, "Box");
@@ -86,16 +72,13 @@ TEST_F(BoxTest, WaitResourceFreeThrowsWhenTheBoxIsStoppedDuringTheWait) {
   EXPECT_EQ(text.get(), kxError("KXBehavior", "waitResourceFree", "Box stopped during wait"));
 }
 
-TEST_F(BoxTest, ParametersAndTimelineComeFromTheBoxOrItsParent) {
+TEST_F(BoxTest, ParametersComeFromTheBoxOrItsParent) {
   auto parent = createModule<KXBehavior>(broker_, "Parent");
   auto child = createModule<KXBehavior>(broker_, "Child");
-  const auto timeline = std::make_shared<FixedTimeline>();
-  parent->setTimeline(timeline);
   parent->addParameter("speed", KXValue(3), false);
   child->addParameter("speed", KXValue(1), true);
   child->addParameter("own", KXValue(2), false);
   child->setParentFromName("Parent");
-  EXPECT_EQ(child->getParentTimeline(), timeline);
   EXPECT_THROW(parent->setParentFromName("Child"), KXError);  // a cycle
   EXPECT_EQ(child->getParameter("speed"), KXValue(3));
   EXPECT_EQ(child->getParameter("own"), KXValue(2));
@@ -122,20 +105,6 @@ TEST_F(BoxTest, TheMethodsArePublishedInOrderWithTheirDescriptions) {
   const std::vector<std::string> published = box->getMethodList();
   ASSERT_GE(published.size(), visible.size());
   EXPECT_EQ(std::vector<std::string>(published.end() - visible.size(), published.end()), visible);
-}
-
-TEST_F(BoxTest, TheBoxKeepsItsTimelineButNotItsParents) {
-  auto box = createModule<KXBehavior>(broker_, "Box");
-  auto own = std::make_shared<FixedTimeline>();
-  auto parents = std::make_shared<FixedTimeline>();
-  box->setTimeline(own);
-  box->setParentTimeline(parents);
-  own.reset();
-  ASSERT_TRUE(box->hasTimeline());
-  EXPECT_EQ(box->getTimeline()->getSize(), 12);
-  EXPECT_EQ(box->getParentTimeline(), parents);
-  parents.reset();
-  EXPECT_FALSE(box->hasParentTimeline());
 }
 
 TEST_F(BoxTest, TheSameEventIsSubscribedOnce) {

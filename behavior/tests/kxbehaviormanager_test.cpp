@@ -21,7 +21,7 @@ namespace {
 using testing_util::errorText;
 using tu::log::testing::LogCapture;
 
-// A box that records the host's calls; its onLoad fails when asked to.
+// A box that records the host's calls; its onLoad and onUnload fail when asked to.
 class LifecycleBox : public KXBehavior {
  public:
   LifecycleBox(const std::shared_ptr<KXBroker>& broker, const std::string& name)
@@ -35,9 +35,13 @@ class LifecycleBox : public KXBehavior {
     calls.push_back("onLoad loaded=" + std::to_string(isLoaded()));
     if (failLoad) KX_THROW("LifecycleBox", "onLoad", "no legs");
   }
-  void onUnload() { calls.push_back("onUnload stopped=" + std::to_string(isBoxStopped())); }
+  void onUnload() {
+    calls.push_back("onUnload stopped=" + std::to_string(isBoxStopped()));
+    if (failUnload) KX_THROW("LifecycleBox", "onUnload", "stuck");
+  }
   std::vector<std::string> calls;
   bool failLoad = false;
+  bool failUnload = false;
 };
 
 class ManagerTest : public BrokerTest {
@@ -126,16 +130,8 @@ TEST_F(ManagerTest, RefusesWhatIsNotItsBox) {
 }
 
 TEST_F(ManagerTest, AFailingOnUnloadIsLoggedAndTheBoxIsUnloaded) {
-  class FailingUnload : public KXBehavior {
-   public:
-    FailingUnload(const std::shared_ptr<KXBroker>& broker, const std::string& name)
-        : KXBehavior(broker, name) {
-      functionName("onUnload", "FailingUnload", "Fails.");
-      bindMethod(&FailingUnload::onUnload);
-    }
-    void onUnload() { KX_THROW("FailingUnload", "onUnload", "stuck"); }
-  };
-  auto box = createModule<FailingUnload>(broker_, "Box");
+  auto box = createModule<LifecycleBox>(broker_, "Box");
+  box->failUnload = true;
   manager_->loadBehavior("Box");
   LogCapture capture;
   manager_->unloadBehavior("Box");

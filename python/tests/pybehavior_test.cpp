@@ -1,6 +1,5 @@
-// Python's `behavior` and `timeline` classes, called as the wrappers call them (with the
-// interpreter lock held): their deprecation lines word for word, their errors, and a
-// timeline that vanishes under them.
+// Python's `behavior` class, called as the wrappers call it (with the interpreter lock
+// held): its deprecation lines word for word and its errors.
 #include "python/pybehavior.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "behavior/kxtimeline.h"
 #include "broker/kxbroker.h"
 #include "embedded_python.h"
 #include "log/tests/logtestsupport.h"
@@ -18,7 +16,6 @@
 #include "module/tests/proxy_test_support.h"
 #include "python/pycurrentbroker.h"
 #include "python/pygil.h"
-#include "python/pytimeline.h"
 
 namespace KX {
 namespace python {
@@ -89,42 +86,6 @@ TEST_F(BehaviorTest, ErrorsNameTheBehaviorClass) {
   EXPECT_EQ(errorText([] { behavior orphan(text("Orphan")); }),
             "\tbehavior::behavior\n\tCould not create a behavior, as there is no current "
             "broker in Python's world.");
-}
-
-// Records each call it receives, as "<operation> <argument>".
-class RecordingTimeline : public KXTimeline {
- public:
-  void play() override { calls.push_back("play"); }
-  void pause() override { calls.push_back("pause"); }
-  void stop() override { calls.push_back("stop"); }
-  void goTo(const std::string& label) override { calls.push_back("goTo " + label); }
-  void goTo(const int& frame) override { calls.push_back("goTo " + std::to_string(frame)); }
-  int getSize() override { return 12; }
-  int getFPS() override { return fps; }
-  void setFPS(int value) override { fps = value; }
-  std::vector<std::string> calls;
-  int fps = 25;
-};
-
-TEST(TimelineTest, DrivesTheTimelineUntilItVanishes) {
-  auto native = std::make_shared<RecordingTimeline>();
-  timeline handle(native);
-  handle.play();
-  handle.goTo(12);
-  handle.goTo(const_cast<char*>("start"));
-  handle.goTo(nullptr);
-  handle.pause();
-  handle.stop();
-  handle.setFPS(50);
-  EXPECT_EQ(handle.getSize(), 12);
-  EXPECT_EQ(handle.getFPS(), 50);
-  EXPECT_EQ(native->calls,
-            (std::vector<std::string>{"play", "goTo 12", "goTo start", "goTo ", "pause", "stop"}));
-  native.reset();  // the host drops it: the handle never kept it alive
-  handle.play();
-  handle.setFPS(10);
-  EXPECT_EQ(handle.getSize(), 0);
-  EXPECT_EQ(handle.getFPS(), 0);
 }
 
 }  // namespace
