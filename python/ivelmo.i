@@ -23,7 +23,10 @@
 // object of the wrong type would be. `broker` is the exception: its methods act on
 // Python's current broker and never read the object.
 %typemap(check) SWIGTYPE* self {
-  if (!$1) SWIG_exception_fail(SWIG_TypeError, "in method '" "$symname" "', argument 1 of type '" "$1_type" "'");
+  if (!$1) {
+    SWIG_exception_fail(SWIG_TypeError,
+                        "in method '" "$symname" "', argument 1 of type '" "$1_type" "'");
+  }
 }
 %typemap(check) KX::broker* self "";
 
