@@ -400,7 +400,10 @@ std::string answerPage(KXBroker& broker, const std::string& rawPath) {
       return kEmptyAnswer;
     }
     if (startsWith(path, kEvalPrefix)) {
-      return kTextHeader + evaluateUrlCall(broker, path.substr(sizeof(kEvalPrefix) - 1));
+      std::string call = path.substr(sizeof(kEvalPrefix) - 1);
+      // "/?eval=<call>" is how people write a query by hand.
+      if (startsWith(call, "=")) call.erase(0, 1);
+      return kTextHeader + evaluateUrlCall(broker, call);
     }
     if (path == "/full") {
       return brokerPage(broker, true);

@@ -13,6 +13,7 @@ namespace detail {
 // GET of `path` on `broker`'s port.
 //   "/favicon.ico"              an empty answer
 //   "/?eval<mod>.<meth>(<args>)" a URL call; <args> is an Array in compact text form
+//                              ("/?eval=<mod>..." too)
 //   "/full"                     the broker page with every module's methods
 //   "/index.xml", "/"           the broker page
 //   "/<module>.xml"             the module page

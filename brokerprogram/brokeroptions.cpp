@@ -4,8 +4,6 @@
 
 namespace velmo {
 
-namespace {
-
 int parsePort(const std::string& option, const std::string& text) {
   std::size_t used = 0;
   int port = -1;
@@ -19,8 +17,6 @@ int parsePort(const std::string& option, const std::string& text) {
   }
   return port;
 }
-
-}  // namespace
 
 BrokerOptions parseBrokerOptions(const std::vector<std::string>& arguments) {
   BrokerOptions options;
@@ -84,7 +80,9 @@ std::string brokerUsage(const std::string& program) {
          "\n"
          "A root broker hosts the KXMemory and KXResourceManager modules; a child broker\n"
          "reaches its root's. Its pages: http://IP:PORT/index.xml\n"
-         "Logging: VERBOSE=0..6 (default 4), CONTEXT, CLICOLOR.\n";
+         "Logging: VERBOSE=0..6 (default 4), CONTEXT, CLICOLOR.\n"
+         "\n"
+         "Commands (velmo COMMAND --help): tree, list, help, call, watch.\n";
 }
 
 }  // namespace velmo

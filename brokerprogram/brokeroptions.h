@@ -20,6 +20,9 @@ struct BrokerOptions {
 // a message for the user on an unknown option, a missing value or a bad port.
 BrokerOptions parseBrokerOptions(const std::vector<std::string>& arguments);
 
+// `text` as a port number (0 to 65535); std::invalid_argument naming `option` otherwise.
+int parsePort(const std::string& option, const std::string& text);
+
 // The text of --help.
 std::string brokerUsage(const std::string& program);
 

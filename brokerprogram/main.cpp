@@ -1,4 +1,5 @@
-// velmo: runs one broker until SIGINT or SIGTERM, then shuts it down in order.
+// velmo: runs one broker until SIGINT or SIGTERM, then shuts it down in order; or, given
+// a command (velmo tree, list, help, call, watch), looks at and calls a running tree.
 #include <pthread.h>
 #include <signal.h>
 
@@ -11,32 +12,39 @@
 #include "behavior/kxbehaviormanager.h"
 #include "broker/kxbroker.h"
 #include "brokerprogram/brokeroptions.h"
+#include "brokerprogram/commandoptions.h"
+#include "brokerprogram/commands.h"
+#include "log/log.h"
 #include "memory/kxstandardmodules.h"
 #include "value/kxerror.h"
 
-int main(int argc, char** argv) {
-  velmo::BrokerOptions options;
-  try {
-    options = velmo::parseBrokerOptions(std::vector<std::string>(argv + 1, argv + argc));
-  } catch (const std::invalid_argument& error) {
-    std::cerr << argv[0] << ": " << error.what() << "\n" << velmo::brokerUsage(argv[0]);
-    return 2;
-  }
-  if (options.help) {
-    std::cout << velmo::brokerUsage(argv[0]);
-    return 0;
-  }
+namespace {
 
-  // The signals are taken by this thread alone, with sigwait: every thread the broker
-  // starts inherits the mask, so none is interrupted by them.
+// The stop signals are taken by the calling thread alone, with sigwait: every thread
+// started afterwards inherits the mask, so none is interrupted by them.
+sigset_t blockStopSignals() {
   sigset_t stopSignals;
   sigemptyset(&stopSignals);
   sigaddset(&stopSignals, SIGINT);
   sigaddset(&stopSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-  // A peer that disconnects is reported by the network code, not by a signal.
-  signal(SIGPIPE, SIG_IGN);
+  return stopSignals;
+}
 
+int runBroker(const std::string& program, const std::vector<std::string>& arguments) {
+  velmo::BrokerOptions options;
+  try {
+    options = velmo::parseBrokerOptions(arguments);
+  } catch (const std::invalid_argument& error) {
+    std::cerr << program << ": " << error.what() << "\n" << velmo::brokerUsage(program);
+    return 2;
+  }
+  if (options.help) {
+    std::cout << velmo::brokerUsage(program);
+    return 0;
+  }
+
+  sigset_t stopSignals = blockStopSignals();
   std::shared_ptr<KX::KXBroker> broker;
   try {
     broker = KX::KXBroker::createBroker(options.name, options.ip, options.port, options.parentIp,
@@ -46,7 +54,7 @@ int main(int argc, char** argv) {
     }
     KX::addBehaviorManager(broker);
   } catch (const KX::KXError& error) {
-    std::cerr << argv[0] << ": cannot start the broker:\n" << error.what() << std::endl;
+    std::cerr << program << ": cannot start the broker:\n" << error.what() << std::endl;
     if (broker) {
       broker->shutdown();
     }
@@ -57,4 +65,33 @@ int main(int argc, char** argv) {
   sigwait(&stopSignals, &received);
   broker->shutdown();
   return 0;
+}
+
+int runCommand(const std::string& program, const std::vector<std::string>& arguments) {
+  velmo::CommandOptions options;
+  try {
+    options = velmo::parseCommandOptions(arguments);
+  } catch (const std::invalid_argument& error) {
+    std::cerr << program << ": " << error.what() << "\n" << velmo::commandUsage(program);
+    return 2;
+  }
+  if (options.help) {
+    std::cout << velmo::commandUsage(program);
+    return 0;
+  }
+  // Results go to standard output, where the framework's log lines would mix with them:
+  // those are only shown when VERBOSE asks for them.
+  tu::log::setVerbosity(tu::log::silent);
+  if (options.command == "watch") blockStopSignals();
+  return velmo::runCommand(options, std::cout, std::cerr);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // A peer that disconnects is reported by the network code, not by a signal.
+  signal(SIGPIPE, SIG_IGN);
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  if (!arguments.empty() && velmo::isCommand(arguments[0])) return runCommand(argv[0], arguments);
+  return runBroker(argv[0], arguments);
 }

@@ -88,14 +88,19 @@ KXProxy::KXProxy(const std::shared_ptr<KXBroker>& broker, const std::string& mod
 
 KXProxy::KXProxy(const std::string& moduleName, const std::string& ip, int port, int flags,
                  int reserved)
-    : impl_(std::make_unique<Impl>()) {
+    // The broker at ip:port is asked through this process's fallback broker.
+    : KXProxy(KXBrokerManager::getInstance()->getEmptyBroker(), moduleName, ip, port, flags) {
   (void)reserved;  // no meaning given to it yet
+}
+
+KXProxy::KXProxy(const std::shared_ptr<KXBroker>& via, const std::string& moduleName,
+                 const std::string& ip, int port, int flags)
+    : impl_(std::make_unique<Impl>()) {
   impl_->flags = flags;
   impl_->moduleInfo->name = moduleName;
   impl_->moduleInfo->ip = ip;
   impl_->moduleInfo->port = port;
-  // The broker at ip:port is asked through this process's fallback broker.
-  const std::shared_ptr<KXBroker> broker = KXBrokerManager::getInstance()->getEmptyBroker();
+  const std::shared_ptr<KXBroker>& broker = via;
   impl_->broker = broker;
   const std::shared_ptr<KXNetworkService> network = broker->getNetwork();
   if (!network) KX_THROW("KXProxy", "exploreToGetModuleByName", "No network");

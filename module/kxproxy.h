@@ -39,6 +39,10 @@ class KXProxy : public std::enable_shared_from_this<KXProxy> {
   // "emptyBroker".
   KXProxy(const std::string& moduleName, const std::string& ip, int port, int flags = 0,
           int reserved = 0);
+  // The same through `via`, a broker of this process with a network module (one that
+  // serves nothing will do: a client's, see KXBroker::kCreateNetwork).
+  KXProxy(const std::shared_ptr<KXBroker>& via, const std::string& moduleName,
+          const std::string& ip, int port, int flags = 0);
   virtual ~KXProxy();
   KXProxy(const KXProxy&) = delete;
   KXProxy& operator=(const KXProxy&) = delete;

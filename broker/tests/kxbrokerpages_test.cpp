@@ -197,6 +197,8 @@ TEST_F(BrokerPagesTest, UrlCallWithArguments) {
   EXPECT_EQ(eval("Calc.add([2, 3])"), std::string(kTextHeader) + "5");
   // Browsers send brackets, quotes and blanks encoded.
   EXPECT_EQ(broker_->getPage("/?evalCalc.add(%5B20,%2022%5D)"), std::string(kTextHeader) + "42");
+  // People type the query as name=value.
+  EXPECT_EQ(broker_->getPage("/?eval=Calc.add([1,%201])"), std::string(kTextHeader) + "2");
   EXPECT_EQ(eval("Calc.getMethodHelp([\"ping\"])"),
             std::string(kTextHeader) +
                 "[\"ping\", \"Just a ping. Always returns true\", , \"alwaysTrue\", "
