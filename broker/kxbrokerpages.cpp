@@ -18,6 +18,7 @@
 #include "module/kxtaskmonitor.h"
 #include "value/kxerror.h"
 #include "value/kxvalue.h"
+#include "value/kxvaluejson.h"
 
 namespace KX {
 namespace detail {
@@ -35,7 +36,12 @@ constexpr char kModuleStylesheet[] =
     "<?xml-stylesheet type=\"text/xsl\" href=\"xsl/module.xsl\"?>\n";
 
 constexpr char kEvalPrefix[] = "/?eval";
+constexpr char kJsonCallPrefix[] = "/?json";
+constexpr char kJsonHeader[] = "HTTP/1.0 200\r\nContent-Type: application/json\r\n\r\n";
 constexpr char kContentSuffix[] = "Content.html";
+constexpr char kHtmlSuffix[] = ".html";
+constexpr char kHtmlShell[] = "/html/page.html";
+constexpr char kHtmlPageHeader[] = "HTTP/1.0 200\r\nContent-Type: text/html; charset=utf-8\r\n\r\n";
 constexpr char kXmlSuffix[] = ".xml";
 
 constexpr char kUrlCallError[] = "Unable to evaluate url call";
@@ -321,27 +327,27 @@ std::string decodeUrl(const std::string& text) {
   return out;
 }
 
-std::string evaluateUrlCall(KXBroker& broker, const std::string& call) {
+KXValue callFromUrl(KXBroker& broker, const std::string& call, std::string& error) {
+  error.clear();
   if (call.empty()) {
-    return kUrlCallError;
+    error = kUrlCallError;
+    return KXValue();
   }
   // The module name ends at the first '.', the method name at the first '(' after it,
   // the arguments at the last ')'.
   const size_t dot = call.find('.');
-  if (dot == std::string::npos || dot == 0) {
-    return std::string(kUrlCallError) + ": No module name";
-  }
-  const size_t open = call.find('(', dot + 1);
-  if (open == std::string::npos) {
-    return std::string(kUrlCallError) + ": No open bracket";
-  }
+  const size_t open = dot == std::string::npos ? dot : call.find('(', dot + 1);
   const size_t close = call.rfind(')');
-  if (close == std::string::npos || close < open) {
-    return std::string(kUrlCallError) + ": No closing bracket";
+  if (dot == std::string::npos || dot == 0) {
+    error = std::string(kUrlCallError) + ": No module name";
+  } else if (open == std::string::npos) {
+    error = std::string(kUrlCallError) + ": No open bracket";
+  } else if (close == std::string::npos || close < open) {
+    error = std::string(kUrlCallError) + ": No closing bracket";
+  } else if (open == dot + 1) {
+    error = std::string(kUrlCallError) + ": No method name";
   }
-  if (open == dot + 1) {
-    return std::string(kUrlCallError) + ": No method name";
-  }
+  if (!error.empty()) return KXValue();
   const std::string module = call.substr(0, dot);
   const std::string method = call.substr(dot + 1, open - dot - 1);
   const std::string argumentText = call.substr(open + 1, close - open - 1);
@@ -353,29 +359,41 @@ std::string evaluateUrlCall(KXBroker& broker, const std::string& call) {
     try {
       arguments.unSerializeFromText(argumentText);
     } catch (const KXError&) {
-      return kUrlCallError;
+      error = kUrlCallError;
+      return KXValue();
     }
     if (arguments.getType() != KXValue::TypeArray) {
-      return kUrlCallError;
+      error = kUrlCallError;
+      return KXValue();
     }
   }
-
   try {
-    const KXValue result = broker.methodCall(module, method, arguments);
-    if (!result.isValid()) {
-      return "No return value (void method)";
-    }
-    return result.toString(1);
-  } catch (const std::exception& error) {
-    return error.what();
+    return broker.methodCall(module, method, arguments);
+  } catch (const std::exception& failure) {
+    error = failure.what();
+    return KXValue();
   }
+}
+
+std::string evaluateUrlCall(KXBroker& broker, const std::string& call) {
+  std::string error;
+  const KXValue result = callFromUrl(broker, call, error);
+  if (!error.empty()) return error;
+  if (!result.isValid()) return "No return value (void method)";
+  return result.toString(1);
+}
+
+std::string evaluateUrlCallAsJson(KXBroker& broker, const std::string& call) {
+  std::string error;
+  const KXValue result = callFromUrl(broker, call, error);
+  if (!error.empty()) return "{\"error\":" + toJson(KXValue(error)) + "}";
+  return "{\"result\":" + toJson(result) + "}";
 }
 
 namespace {
 
-// A page file of the SDK's "web/doc" folder (stylesheets, scripts), preceded by the header of
-// its kind; nothing when the path names no such file.
-std::optional<std::string> docFileAnswer(const std::string& path) {
+// The bytes of a file of the SDK's "web/doc" folder; nothing when the path names none.
+std::optional<std::string> docFileText(const std::string& path) {
   const std::optional<std::filesystem::path> file = tu::path::resolveDocPath(path);
   if (!file) {
     return std::nullopt;
@@ -386,9 +404,33 @@ std::optional<std::string> docFileAnswer(const std::string& path) {
   }
   std::ostringstream body;
   body << in.rdbuf();
+  return body.str();
+}
+
+// A page file of the SDK's "web/doc" folder (stylesheets, scripts), preceded by the header of
+// its kind; nothing when the path names no such file.
+std::optional<std::string> docFileAnswer(const std::string& path) {
+  std::optional<std::string> body = docFileText(path);
+  if (!body) {
+    return std::nullopt;
+  }
   const std::optional<std::string> type = tu::path::docContentType(path);
-  return (type ? "HTTP/1.0 200\r\nContent-Type: " + *type + "\r\n\r\n" : std::string()) +
-         body.str();
+  return (type ? "HTTP/1.0 200\r\nContent-Type: " + *type + "\r\n\r\n" : std::string()) + *body;
+}
+
+// The pages for a person: HTML shells whose script draws the broker or module page from
+// the data of its XML twin (no XSLT needed).
+std::optional<std::string> htmlPage(KXBroker& broker, const std::string& path) {
+  const bool brokerPage = path == "/index.html" || path == "/full.html";
+  if (!brokerPage &&
+      (endsWith(path, kContentSuffix) || !moduleForPath(broker, path, kHtmlSuffix))) {
+    return std::nullopt;
+  }
+  // One shell for every page: its script tells them apart by the address.
+  const std::optional<std::string> body = docFileText(kHtmlShell);
+  return kHtmlPageHeader + (body ? *body
+                                 : std::string("<!DOCTYPE html><p>The SDK data folder has no ") +
+                                       kHtmlShell + ".</p>");
 }
 
 }  // namespace
@@ -399,11 +441,16 @@ std::string answerPage(KXBroker& broker, const std::string& rawPath) {
     if (path == "/favicon.ico") {
       return kEmptyAnswer;
     }
-    if (startsWith(path, kEvalPrefix)) {
-      std::string call = path.substr(sizeof(kEvalPrefix) - 1);
+    for (const char* prefix : {kEvalPrefix, kJsonCallPrefix}) {
+      if (!startsWith(path, prefix)) continue;
+      std::string call = path.substr(std::char_traits<char>::length(prefix));
       // "/?eval=<call>" is how people write a query by hand.
       if (startsWith(call, "=")) call.erase(0, 1);
-      return kTextHeader + evaluateUrlCall(broker, call);
+      return prefix == kEvalPrefix ? kTextHeader + evaluateUrlCall(broker, call)
+                                   : kJsonHeader + evaluateUrlCallAsJson(broker, call);
+    }
+    if (auto page = htmlPage(broker, path)) {
+      return *page;
     }
     if (path == "/full") {
       return brokerPage(broker, true);

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "value/kxvalue.h"
+
 namespace KX {
 
 class KXBroker;
@@ -14,6 +16,12 @@ namespace detail {
 //   "/favicon.ico"              an empty answer
 //   "/?eval<mod>.<meth>(<args>)" a URL call; <args> is an Array in compact text form
 //                              ("/?eval=<mod>..." too)
+//   "/?json<mod>.<meth>(<args>)" the same call answered as JSON (application/json):
+//                              {"result": value} or {"error": text}
+//   "/index.html", "/full.html" the broker page for a person (HTML; its script draws it
+//                              from the XML page's data)
+//   "/<module>.html"            the module page for a person (for "KXMemory" with a live
+//                              view of the data)
 //   "/full"                     the broker page with every module's methods
 //   "/index.xml", "/"           the broker page
 //   "/<module>.xml"             the module page
@@ -25,9 +33,14 @@ namespace detail {
 // Reads the broker's state only; safe from any thread.
 std::string answerPage(KXBroker& broker, const std::string& path);
 
-// The body of a URL call "<module>.<method>(<args>)": the result's compact text, or the
-// reason the call could not be made.
+// Makes the URL call "<module>.<method>(<args>)": its result, or Invalid with the reason
+// it could not be made in `error` (empty on success).
+KXValue callFromUrl(KXBroker& broker, const std::string& call, std::string& error);
+// The body of a URL call: the result's compact text, or the reason the call could not be
+// made.
 std::string evaluateUrlCall(KXBroker& broker, const std::string& call);
+// The body of a JSON URL call: {"result": value} or {"error": text}.
+std::string evaluateUrlCallAsJson(KXBroker& broker, const std::string& call);
 
 // `text` with &, <, >, " and ' written as XML entities.
 std::string escapeXml(const std::string& text);

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <optional>
 #include <system_error>
@@ -33,13 +34,15 @@ constexpr const char* kEvalPrefix = "/?eval";
 // Files go out in pieces of this size.
 constexpr std::size_t kPieceBytes = 64 * 1024;
 
-// Whether the request whose header this thread is reading carried a Content-Length: the
-// runtime leaves `length` at 0 without one. It reads the header and calls the PUT callback
-// on one thread within one soap_begin_recv, so a per-thread record of the context whose
-// header was read last is enough.
+// What the runtime does not keep of the request whose header this thread is reading:
+// whether it carried a Content-Length (the runtime leaves `length` at 0 without one) and
+// whether it accepts HTML (a browser navigating). It reads the header and calls the GET and
+// PUT callbacks on one thread within one soap_begin_recv, so a per-thread record of the
+// context whose header was read last is enough.
 struct HeaderWatch {
   const struct soap* soap = nullptr;
   bool contentLength = false;
+  bool acceptsHtml = false;
 };
 thread_local HeaderWatch headerWatch;
 
@@ -495,15 +498,19 @@ void KXFileService::install(struct soap* server) const {
 }
 
 int KXFileService::parseRequest(struct soap* soap) {
-  headerWatch = HeaderWatch{soap, false};
+  headerWatch = HeaderWatch{soap, false, false};
   const KXFileService* service = serviceOf(soap);
   const ParseFunction parse = service != nullptr ? service->parse_.load() : nullptr;
   return parse != nullptr ? parse(soap) : (soap->error = SOAP_EOF);
 }
 
 int KXFileService::parseHeader(struct soap* soap, const char* key, const char* value) {
-  if (headerWatch.soap == soap && key != nullptr && soap_tag_cmp(key, "Content-Length") == 0) {
-    headerWatch.contentLength = true;
+  if (headerWatch.soap == soap && key != nullptr) {
+    if (soap_tag_cmp(key, "Content-Length") == 0) headerWatch.contentLength = true;
+    if (soap_tag_cmp(key, "Accept") == 0 && value != nullptr &&
+        std::strstr(value, "text/html") != nullptr) {
+      headerWatch.acceptsHtml = true;
+    }
   }
   const KXFileService* service = serviceOf(soap);
   const ParseHeaderFunction parse = service != nullptr ? service->parseHeader_.load() : nullptr;
@@ -538,7 +545,10 @@ int KXFileService::serveGet(struct soap* soap) const {
   if (target.kind == Target::Kind::page) {
     std::string answer;
     try {
-      if (pages_) answer = pages_(soap->endpoint, rawPath);
+      // A browser opening the broker's address gets the page for a person; tools keep
+      // getting the XML page there.
+      const bool person = rawPath == "/" && headerWatch.soap == soap && headerWatch.acceptsHtml;
+      if (pages_) answer = pages_(soap->endpoint, person ? "/index.html" : rawPath);
     } catch (const std::exception& error) {
       TU_LOG(tu::log::error, kCategory, kGetFunction)
           << "Page " << rawPath << " failed: " << error.what() << std::endl;

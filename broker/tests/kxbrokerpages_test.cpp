@@ -193,12 +193,27 @@ TEST_F(BrokerPagesTest, ContentPageIsTheModulesOwn) {
             "HTTP/1.0 200\r\nContent-Type: text/html\r\n\r\n<html><body></body></html>");
 }
 
+TEST_F(BrokerPagesTest, PagesForAPersonAreHtmlShellsOfTheSdk) {
+  const std::string html = "HTTP/1.0 200\r\nContent-Type: text/html; charset=utf-8\r\n\r\n";
+  for (const char* path : {"/index.html", "/full.html", "/Calc.html"}) {
+    const std::string page = broker_->getPage(path);
+    EXPECT_EQ(page.rfind(html + "<!DOCTYPE html>", 0), 0u) << path << ":\n" << page;
+  }
+  // Not a module: the broker's XML page, as for every path that names nothing.
+  EXPECT_EQ(broker_->getPage("/Nobody.html"), broker_->getPage("/index.xml"));
+}
+
 TEST_F(BrokerPagesTest, UrlCallWithArguments) {
   EXPECT_EQ(eval("Calc.add([2, 3])"), std::string(kTextHeader) + "5");
   // Browsers send brackets, quotes and blanks encoded.
   EXPECT_EQ(broker_->getPage("/?evalCalc.add(%5B20,%2022%5D)"), std::string(kTextHeader) + "42");
   // People type the query as name=value.
   EXPECT_EQ(broker_->getPage("/?eval=Calc.add([1,%201])"), std::string(kTextHeader) + "2");
+  // The same calls for scripts: JSON, with the error as text.
+  const std::string json = "HTTP/1.0 200\r\nContent-Type: application/json\r\n\r\n";
+  EXPECT_EQ(broker_->getPage("/?jsonCalc.add([2,%203])"), json + "{\"result\":5}");
+  EXPECT_EQ(broker_->getPage("/?json=Calc.add"),
+            json + "{\"error\":\"Unable to evaluate url call: No open bracket\"}");
   EXPECT_EQ(eval("Calc.getMethodHelp([\"ping\"])"),
             std::string(kTextHeader) +
                 "[\"ping\", \"Just a ping. Always returns true\", , \"alwaysTrue\", "

@@ -556,6 +556,11 @@ TEST_F(KXFileServiceTest, GetOfAnythingElseSendsTheRenderedPageReframed) {
   ask(request("GET", "/?evalKXMemory.getData(%5B%22key%22%5D)"));
   ask(request("GET", "/KXMemory.xml?x=%41"));
   ask(request("GET", "/"));
+  // A browser opening the address asks for the page for a person; other pages stay.
+  const std::string browser = " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port()) +
+                              "\r\nAccept: text/html,application/xhtml+xml,*/*;q=0.8\r\n\r\n";
+  ask("GET /" + browser);
+  ask("GET /index.xml" + browser);
   // Root names are matched exactly.
   ask(request("GET", "/user/notes.txt"));
   const std::vector<std::pair<std::string, std::string>> expected = {
@@ -564,6 +569,8 @@ TEST_F(KXFileServiceTest, GetOfAnythingElseSendsTheRenderedPageReframed) {
        "/?evalKXMemory.getData(%5B%22key%22%5D)"},
       {endpoint + "/KXMemory.xml?x=%41", "/KXMemory.xml?x=%41"},
       {endpoint + "/", "/"},
+      {endpoint + "/", "/index.html"},
+      {endpoint + "/index.xml", "/index.xml"},
       {endpoint + "/user/notes.txt", "/user/notes.txt"},
   };
   EXPECT_EQ(pages_.calls(), expected);

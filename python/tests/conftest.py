@@ -74,6 +74,17 @@ class Program:
                 self.process.wait()
 
 
+def wait_until(condition, what="a condition"):
+    """Polls `condition` until it gives something true, within the patience; gives that."""
+    deadline = time.monotonic() + PATIENCE_S
+    while time.monotonic() < deadline:
+        value = condition()
+        if value:
+            return value
+        time.sleep(0.02)
+    raise AssertionError(f"gave up waiting for {what}")
+
+
 LISTENING = r"Velmo is listening on 127\.0\.0\.1:(\d+)"
 READY = r"READY (\d+)"
 

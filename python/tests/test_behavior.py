@@ -3,12 +3,11 @@ their timeline, and chained with native boxes across processes."""
 import os
 import subprocess
 import threading
-import time
 
 import pytest
 
 import ivelmo
-from conftest import BIN_DIR, PATIENCE_S
+from conftest import BIN_DIR, PATIENCE_S, wait_until
 
 
 class SourceBox(ivelmo.behavior):
@@ -23,13 +22,6 @@ class SourceBox(ivelmo.behavior):
 
     def onLoad(self):
         self.speed_on_load = self.getParameter("speed")
-
-
-def wait_until(predicate):
-    deadline = time.monotonic() + PATIENCE_S
-    while not predicate():
-        assert time.monotonic() < deadline, "timed out"
-        time.sleep(0.02)
 
 
 def test_a_timeline_driven_from_python_while_the_host_drops_it(root_broker):
@@ -60,7 +52,7 @@ def test_a_timeline_driven_from_python_while_the_host_drops_it(root_broker):
 
     driver = threading.Thread(target=drive)
     driver.start()
-    wait_until(lambda: len(sizes) >= 50)
+    wait_until(lambda: len(sizes) >= 50, "50 operations")
     manager.pythonCall(["removeTimeline", "Timed"])
     removed.set()
     driver.join(PATIENCE_S)
@@ -109,7 +101,7 @@ def test_values_cross_a_chain_of_boxes_over_two_processes_in_order(root_broker, 
     for value in range(count):
         source.stimulateIO("out", value)
     sink = ivelmo.proxy("Sink")
-    wait_until(lambda: len(sink.pythonCall(["received"])) >= count)
+    wait_until(lambda: len(sink.pythonCall(["received"])) >= count, f"{count} values")
     assert sink.pythonCall(["received"]) == list(range(count))
     host.process.stdin.close()
     assert host.process.wait(PATIENCE_S) == 0

@@ -1,0 +1,216 @@
+"""The broker's pages for a person, in a real browser (headless Chromium), beside the XML
+pages that tools keep reading."""
+import json
+import os
+import shutil
+import time
+import urllib.parse
+import urllib.request
+from xml.etree import ElementTree
+
+import pytest
+
+from conftest import BIN_DIR, PATIENCE_S, READY, wait_until
+
+CHROMIUM = shutil.which("chromium") or "/usr/bin/chromium"
+CHROMEDRIVER = shutil.which("chromedriver") or "/usr/bin/chromedriver"
+
+BROKER_STYLESHEET = '<?xml-stylesheet type="text/xsl" href="xsl/broker.xsl"?>'
+MODULE_STYLESHEET = '<?xml-stylesheet type="text/xsl" href="xsl/module.xsl"?>'
+
+
+def get(port, path, accept=None):
+    """GETs a path of the broker; gives (content type, text)."""
+    headers = {"Accept": accept} if accept else {}
+    request = urllib.request.Request(f"http://127.0.0.1:{port}{path}", headers=headers)
+    with urllib.request.urlopen(request, timeout=30) as response:
+        return response.headers.get("Content-Type", ""), response.read().decode("utf-8")
+
+
+def url_call(port, module, method, arguments):
+    """Calls a method through the broker's JSON url call; gives the decoded answer."""
+    text = urllib.parse.quote(arguments)
+    return json.loads(get(port, f"/?json{module}.{method}({text})")[1])
+
+
+def child_ports(port):
+    """The ports of the child brokers that the broker's index.xml lists."""
+    page = ElementTree.fromstring(get(port, "/index.xml")[1])
+    return [int(child.findtext("port")) for child in page.findall("childBrokers/broker")]
+
+
+@pytest.fixture
+def child_tree(velmo_root, start_program):
+    """A root broker and a child broker program; gives (root port, child port) once the root
+    lists the child (a child prints no address of its own)."""
+    start_program([os.path.join(BIN_DIR, "velmo"), "--name", "child", "--ip", "127.0.0.1",
+                   "--port", "0", "--parent-ip", "127.0.0.1", "--parent-port", str(velmo_root)])
+    [child_port] = wait_until(lambda: child_ports(velmo_root), "the root to list its child")
+    return velmo_root, child_port
+
+
+@pytest.fixture
+def browser():
+    if not (os.access(CHROMIUM, os.X_OK) and os.access(CHROMEDRIVER, os.X_OK)):
+        pytest.skip(f"needs chromium and chromedriver ({CHROMIUM}, {CHROMEDRIVER})")
+    webdriver = pytest.importorskip("selenium.webdriver",
+                                    reason="needs python3-selenium for the browser test")
+    from selenium.webdriver.chrome.service import Service
+
+    options = webdriver.ChromeOptions()
+    options.binary_location = CHROMIUM
+    for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage",
+                     "--window-size=1200,1600"):
+        options.add_argument(argument)
+    options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+    driver = webdriver.Chrome(service=Service(CHROMEDRIVER), options=options)
+    driver.set_page_load_timeout(PATIENCE_S)
+    yield driver
+    driver.quit()
+
+
+@pytest.fixture
+def screenshots(tmp_path, capsys):
+    """Saves screenshots into $VELMO_SCREENSHOTS (or the test's folder) and shows their paths."""
+    folder = os.environ.get("VELMO_SCREENSHOTS") or str(tmp_path)
+    os.makedirs(folder, exist_ok=True)
+
+    def save(driver, name):
+        path = os.path.join(folder, name)
+        assert driver.save_screenshot(path), path
+        with capsys.disabled():
+            print(f"\nscreenshot: {path}")
+
+    return save
+
+
+def call_from_page(browser, method, *values):
+    """Fills the form of `method` on a module page, calls, and gives the answer shown."""
+    from selenium.webdriver.common.by import By
+    from selenium.webdriver.support.ui import WebDriverWait
+
+    form = browser.find_element(By.CSS_SELECTOR, f"#method-{method} form")
+    for index, value in enumerate(values):
+        field = form.find_element(By.ID, f"arg-{method}-{index}")
+        field.clear()
+        field.send_keys(value)
+    answer = form.find_element(By.TAG_NAME, "output")
+    browser.execute_script("arguments[0].textContent = ''", answer)  # no earlier answer is read
+    form.find_element(By.TAG_NAME, "button").click()
+    return WebDriverWait(browser, PATIENCE_S).until(
+        lambda _: answer.text.startswith(("Result: ", "Error: ")) and answer.text)
+
+
+def test_a_person_browses_the_tree_and_stores_a_value_from_the_memory_page(
+        child_tree, browser, screenshots):
+    from selenium.webdriver.common.by import By
+    from selenium.webdriver.support.ui import WebDriverWait
+
+    root, child = child_tree
+    wait = WebDriverWait(browser, PATIENCE_S)
+    console = []
+
+    def heading():
+        return browser.find_element(By.TAG_NAME, "h1").text
+
+    browser.get(f"http://127.0.0.1:{root}/")
+    assert browser.execute_script("return document.contentType") == "text/html"
+    wait.until(lambda _: heading() == "Broker root")
+    assert browser.title == "Velmo Broker : root"
+    children = browser.find_elements(By.CSS_SELECTOR, "#children a")
+    assert [(a.text, a.get_attribute("href")) for a in children] == [
+        (f"child (127.0.0.1:{child})", f"http://127.0.0.1:{child}/index.html")]
+    assert browser.find_element(By.CSS_SELECTOR, "#parent .none").text == "This broker has no parent."
+    modules = [a.text for a in browser.find_elements(By.CSS_SELECTOR, "#modules a.module")]
+    assert "KXMemory" in modules
+    assert "XSLT" not in browser.find_element(By.TAG_NAME, "body").text
+    screenshots(browser, "broker.png")
+    console += browser.get_log("browser")
+
+    browser.find_element(By.LINK_TEXT, "KXMemory").click()
+    wait.until(lambda _: browser.current_url == f"http://127.0.0.1:{root}/KXMemory.html")
+    wait.until(lambda _: heading() == "Module KXMemory")
+    label = browser.find_element(By.CSS_SELECTOR, "label[for='arg-insertData-0']")
+    assert label.text == "name string"
+    # A name holding a double quote goes out in single quotes.
+    name = 'the "greeting"'
+    assert call_from_page(browser, "insertData", name, '["it\'s", 42]') == "Result: (no value)"
+    assert url_call(root, "KXMemory", "getData", f"['{name}']") == {"result": ["it's", 42]}
+
+    def row(name):
+        # Read in one go: the view redraws its rows every second.
+        return browser.execute_script(
+            "const row = [...document.querySelectorAll('#memory tbody tr')]"
+            ".find((r) => r.dataset.name === arguments[0]);"
+            "return row ? [...row.children].map((cell) => cell.textContent) : null;", name)
+
+    cells = wait.until(lambda _: row(name))
+    _, seconds, microseconds = url_call(root, "KXMemory", "getTimestamp", f"['{name}']")["result"]
+    stamp = time.strftime("%Y-%m-%d %H:%M:%S", time.localtime(seconds)) + f".{microseconds // 1000:03d}"
+    assert cells == [name, '["it\'s", 42]', "Array", stamp]
+
+    # A later value shows up on its own: the view keeps reading the memory.
+    url_call(root, "KXMemory", "insertData", f"['{name}', 7]")
+    wait.until(lambda _: row(name)[1:3] == ["7", "Int"])
+
+    # A text holding both quotes cannot be written as an argument: the page says so.
+    assert call_from_page(browser, "getType", "both \" and '").startswith(
+        "Error: A text cannot hold both")
+    # Errors of the module reach the page as text; an int parameter takes whole numbers only.
+    assert call_from_page(browser, "getType", "absent").endswith('Data "absent" does not exist.')
+    assert "error" in browser.find_element(By.CSS_SELECTOR, "#method-getType output").get_attribute(
+        "class")
+    assert call_from_page(browser, "getDataOnChange", name, "1.5") == (
+        "Error: timeoutMs needs a whole number.")
+    assert "Timed out after 10 ms" in call_from_page(browser, "getDataOnChange", name, "10")
+
+    assert "XSLT" not in browser.find_element(By.TAG_NAME, "body").text
+    browser.execute_script("window.scrollTo(0, 0)")  # the memory view, near the top
+    screenshots(browser, "module.png")
+    console += browser.get_log("browser")
+    assert [entry for entry in console if entry["level"] == "SEVERE"] == []
+
+
+def test_typed_arguments_reach_a_module_of_a_child_broker(velmo_root, start_program, browser):
+    from selenium.webdriver.common.by import By
+    from selenium.webdriver.support.ui import WebDriverWait
+
+    node = start_program([os.path.join(BIN_DIR, "velmo_testnode"), "node", str(velmo_root), "Calc"])
+    port = int(node.wait_for(READY).group(1))
+    browser.get(f"http://127.0.0.1:{port}/Calc.html")
+    WebDriverWait(browser, PATIENCE_S).until(
+        lambda _: browser.find_element(By.TAG_NAME, "h1").text == "Module Calc")
+    kinds = browser.execute_script(
+        "return ['add', 'half', 'greet', 'countWords'].map("
+        "(m) => document.getElementById('arg-' + m + '-0')).map((i) => [i.type, i.step])")
+    assert kinds == [["number", "1"], ["number", "any"], ["text", ""], ["text", ""]]
+    assert call_from_page(browser, "add", "2", "3") == "Result: 5"
+    assert call_from_page(browser, "add", "2", "") == "Error: b needs a number."
+    assert call_from_page(browser, "half", "3") == "Result: 1.5"  # sent as 3.0
+    assert call_from_page(browser, "scale", "2.5") == "Result: 25"
+    assert call_from_page(browser, "greet", "Ann") == 'Result: "Hello Ann"'
+    assert call_from_page(browser, "countWords", '["a", "b", "c"]') == "Result: 3"
+    assert call_from_page(browser, "echo", '[1, "x", [2.5]]') == 'Result: [1, "x", [2.5]]'
+    assert call_from_page(browser, "echo", "1 2").startswith("Error: Unable to evaluate url call")
+    assert call_from_page(browser, "echo", " ").startswith("Error: Give value a value")
+    assert [entry for entry in browser.get_log("browser") if entry["level"] == "SEVERE"] == []
+
+
+def test_tools_keep_getting_the_xml_pages(velmo_root):
+    kind, page = get(velmo_root, "/index.xml")
+    assert "xml" in kind
+    assert page.startswith('<?xml version="1.0" encoding="utf-8"?>\n' + BROKER_STYLESHEET)
+    for accept in (None, "application/xml", "*/*"):
+        kind, page = get(velmo_root, "/", accept)
+        assert ("xml" in kind, BROKER_STYLESHEET in page) == (True, True), accept
+    kind, page = get(velmo_root, "/KXMemory.xml")
+    assert ("xml" in kind, MODULE_STYLESHEET in page, "<name>insertData</name>" in page) == (
+        True, True, True)
+
+    # A browser's navigation and the .html addresses get the pages for a person.
+    for path, accept in (("/", "text/html,application/xhtml+xml,*/*;q=0.8"), ("/index.html", None),
+                         ("/full.html", None), ("/KXMemory.html", None)):
+        kind, page = get(velmo_root, path, accept)
+        assert (kind, page.startswith("<!DOCTYPE html>"), "/js/velmo.js" in page) == (
+            "text/html; charset=utf-8", True, True), path
+    assert get(velmo_root, "/js/velmo.js")[0] == "application/javascript"
