@@ -68,6 +68,14 @@ KXModuleInfo rootOf(const Client& client) {
   return root;
 }
 
+// An Array of `items`, in order (empty without any).
+KXValue arrayOf(std::vector<KXValue> items = {}) {
+  KXValue array;
+  array.arraySetSize(0);
+  for (KXValue& item : items) array.arrayPush(std::move(item));
+  return array;
+}
+
 // "module.method" split at the first point; KXError when either part is missing.
 std::pair<std::string, std::string> splitTarget(const std::string& target) {
   const std::size_t dot = target.find('.');
@@ -112,8 +120,7 @@ int tree(const Client& client, std::ostream& out) {
   const KXModuleInfo root = rootOf(client);
   std::vector<KXModuleInfo> brokers;
   client.brokerAt(root.ip, root.port).getBrokerList(brokers);
-  KXValue all;
-  all.arraySetSize(0);
+  KXValue all = arrayOf();
   for (const KXModuleInfo& broker : brokers) {
     std::vector<KXModuleInfo> modules;
     try {
@@ -121,16 +128,10 @@ int tree(const Client& client, std::ostream& out) {
     } catch (const KX::KXError&) {
       // Registered but silent: listed without modules.
     }
-    KXValue names;
-    names.arraySetSize(0);
+    KXValue names = arrayOf();
     for (const KXModuleInfo& module : modules) names.arrayPush(KXValue(module.name));
     if (options.json) {
-      KXValue entry;
-      entry.arraySetSize(0);
-      entry.arrayPush(KXValue(broker.name));
-      entry.arrayPush(KXValue(address(broker)));
-      entry.arrayPush(names);
-      all.arrayPush(entry);
+      all.arrayPush(arrayOf({KXValue(broker.name), KXValue(address(broker)), names}));
       continue;
     }
     out << broker.name << " " << address(broker) << "\n";
@@ -155,15 +156,10 @@ int list(const Client& client, std::ostream& out) {
   const KXModuleInfo root = rootOf(client);
   std::vector<KXModuleInfo> modules;
   client.brokerAt(root.ip, root.port).getGlobalModuleList(modules);
-  KXValue all;
-  all.arraySetSize(0);
+  KXValue all = arrayOf();
   for (const KXModuleInfo& module : modules) {
     if (options.json) {
-      KXValue entry;
-      entry.arraySetSize(0);
-      entry.arrayPush(KXValue(module.name));
-      entry.arrayPush(KXValue(address(module)));
-      all.arrayPush(entry);
+      all.arrayPush(arrayOf({KXValue(module.name), KXValue(address(module))}));
     } else {
       out << module.name << " " << address(module) << "\n";
     }
@@ -177,8 +173,7 @@ int help(const Client& client, std::ostream& out) {
   const std::string& target = options.arguments[0];
   const std::size_t dot = target.find('.');
   KX::KXProxy module = client.module(target.substr(0, dot));
-  KXValue arguments;
-  arguments.arraySetSize(0);
+  KXValue arguments = arrayOf();
   if (dot != std::string::npos) arguments.arrayPush(KXValue(target.substr(dot + 1)));
   const KXValue help =
       module.genericCall(dot == std::string::npos ? "getModuleHelp" : "getMethodHelp", arguments);
@@ -189,9 +184,7 @@ int help(const Client& client, std::ostream& out) {
   if (dot == std::string::npos) {
     for (const std::string& line : textsOf(help)) out << line << "\n";
     out << "\nMethods:\n";
-    KXValue none;
-    none.arraySetSize(0);
-    for (const std::string& name : textsOf(module.genericCall("getMethodList", none))) {
+    for (const std::string& name : textsOf(module.genericCall("getMethodList", arrayOf()))) {
       out << "  " << name << "\n";
     }
     return 0;
@@ -215,8 +208,7 @@ int help(const Client& client, std::ostream& out) {
 int call(const Client& client, std::ostream& out) {
   const CommandOptions& options = client.options;
   const auto target = splitTarget(options.arguments[0]);
-  KXValue arguments;
-  arguments.arraySetSize(0);
+  KXValue arguments = arrayOf();
   for (std::size_t i = 1; i < options.arguments.size(); ++i) {
     arguments.arrayPush(argumentOf(options.arguments[i]));
   }
@@ -229,8 +221,12 @@ int call(const Client& client, std::ostream& out) {
 
 int runCommand(const CommandOptions& options, std::ostream& out, std::ostream& err) {
   try {
-    if (options.command == "watch") return watch(options, out);
     const Client client(options);
+    if (options.command == "watch") {
+      // The memory module calls back over the network: the address it sees this process at.
+      return watch(options, client.brokerAt(options.brokerIp, options.brokerPort).sendBackIP(),
+                   out);
+    }
     if (options.command == "tree") return tree(client, out);
     if (options.command == "list") return list(client, out);
     if (options.command == "help") return help(client, out);

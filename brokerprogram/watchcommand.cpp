@@ -10,8 +10,6 @@
 #include <string>
 
 #include "broker/kxbroker.h"
-#include "broker/kxbrokermanager.h"
-#include "broker/kxbrokerproxy.h"
 #include "module/kxmodulecore.h"
 #include "module/kxproxy.h"
 #include "value/kxerror.h"
@@ -47,11 +45,7 @@ class Watcher : public KX::KXModule {
 
 }  // namespace
 
-int watch(const CommandOptions& options, std::ostream& out) {
-  // The memory module calls back over the network: the address it sees this process at.
-  const std::string ownIp = KX::KXBrokerProxy(KX::KXBrokerManager::getInstance()->getEmptyBroker(),
-                                              options.brokerIp, options.brokerPort)
-                                .sendBackIP();
+int watch(const CommandOptions& options, const std::string& ownIp, std::ostream& out) {
   const std::string name = "velmo-watch-" + std::to_string(getpid());
   const std::shared_ptr<KX::KXBroker> broker = KX::KXBroker::createBroker(
       name, ownIp, 0, options.brokerIp, options.brokerPort, KX::KXBroker::kKeepAlive);
