@@ -107,16 +107,6 @@ TEST_F(BoxTest, TheMethodsArePublishedInOrderWithTheirDescriptions) {
   EXPECT_EQ(std::vector<std::string>(published.end() - visible.size(), published.end()), visible);
 }
 
-TEST_F(BoxTest, TheSameEventIsSubscribedOnce) {
-  auto box = createModule<KXBehavior>(broker_, "Box");
-  box->addInput("a");
-  box->_connectOutput("Other__out");
-  memory()->unsubscribeToMicroEvent("Other__out", "Box");  // behind the box's back
-  box->_connectOutput("Other__out");
-  box->connectInput("a", "Other__out");
-  EXPECT_TRUE(memory()->getSubscribers("Other__out").empty());
-}
-
 using tu::log::testing::LogCapture;
 
 struct Scene {

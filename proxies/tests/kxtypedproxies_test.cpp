@@ -88,17 +88,6 @@ INSTANTIATE_TEST_SUITE_P(Where, TypedProxyTest, ::testing::Bool(),
 
 using TypedProxyLocalTest = BrokerTreeTest;
 
-TEST_F(TypedProxyLocalTest, AModuleThatLeftIsInvalidForTheMethodCalled) {
-  KXMemoryProxy memory(root_);
-  KXResourceManagerProxy manager(root_);
-  memory.exit();
-  manager.exit();
-  const std::string invalid = "The underlying module is invalid.";
-  EXPECT_EQ(errorText([&] { memory.getData("seed"); }), kxError("KXMemory", "getData", invalid));
-  EXPECT_EQ(errorText([&] { manager.releaseResources({"arm"}, "owner"); }),
-            kxError("KXResourceManager", "releaseResources", invalid));
-}
-
 // What a proxy built by `make` reaches: its broker's name, or the error that stopped it.
 std::string reached(const std::function<KXMemoryProxy()>& make) {
   try {

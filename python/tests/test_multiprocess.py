@@ -74,23 +74,6 @@ def test_a_child_process_calls_cpp_modules_and_the_root_memory(velmo_root, start
     assert "remote error: '\\tCalc::fail" in done.stdout
 
 
-def test_a_python_module_of_another_process_is_found_through_the_tree(python_root):
-    done = run_python(child_program(python_root, """
-        calc = ivelmo.proxy("PyCalc")
-        assert calc.pythonCall(["add", 40, 2]) == 42
-        assert calc.pythonCall(["echo", b"\\x00bytes"]) == b"\\x00bytes"
-        task = calc.pythonPCall(["add", 1, 1])
-        assert calc.wait(task, 0) is False
-        try:
-            calc.pythonCall(["fail"])
-        except RuntimeError as e:
-            print(repr(str(e)))
-    """))
-    assert done.returncode == 0, done.stdout + done.stderr
-    # The remote module's error names the module and method, with Python's own text.
-    assert repr("\tPyCalc::fail\n\t<class 'ValueError'>\nbad input") in done.stdout.splitlines()
-
-
 @pytest.mark.parametrize("call, answer", [
     ("PyCalc.add([2, 3])", "5"),
     ("PyCalc.echo([\"text\"])", '"text"'),

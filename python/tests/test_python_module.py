@@ -1,5 +1,4 @@
 """Modules written in Python: described, bound and called as the framework calls them."""
-import queue
 import threading
 
 import pytest
@@ -53,16 +52,6 @@ def test_a_python_method_calls_other_modules_through_proxies(calc):
         assert proxy.wait(task, 0) is False
     finally:
         other.exit()
-
-
-def test_memory_events_reach_a_python_subscriber(calc):
-    received = queue.Queue()
-    calc.onEvent = lambda name, value, message: received.put((name, value, message))
-    calc.BIND_PYTHON("Calc", "onEvent")
-    memory = ivelmo.getMemoryProxy()
-    memory.subscribeToEvent("touched", "Calc", "hello", "onEvent")
-    memory.raiseEvent("touched", [1, "left"])
-    assert received.get(timeout=30) == ("touched", [1, "left"], "hello")
 
 
 def registered(name):
