@@ -81,6 +81,12 @@ void KXBrokerImpl::configureClient(const std::string& parentIp, int parentPort) 
   KXBrokerInfo parentInfo;
   try {
     parent->getBrokerInfo(parentInfo);
+  } catch (const KXAccessRefused& refused) {
+    // Asking again cannot help: the parent's tree has another token, or none was given.
+    TU_LOG(tu::log::error, kCategory, "KX::KXBrokerImpl::configureClient")
+        << "cannot register broker to " << parent->getEndpoint() << ": " << refused.description()
+        << std::endl;
+    KX_THROW("KXBroker", "Connect to parent", refused.description());
   } catch (const KXError&) {
     KX_THROW("KXBroker", "Connect to parent", "Timeout");
   }

@@ -36,7 +36,8 @@ BrokerOptions parseBrokerOptions(const std::vector<std::string>& arguments) {
       continue;
     }
     const bool known = option == "--name" || option == "--ip" || option == "--port" ||
-                       option == "--parent-ip" || option == "--parent-port";
+                       option == "--parent-ip" || option == "--parent-port" ||
+                       option == "--allow-host" || option == "--token-file";
     if (!known) {
       throw std::invalid_argument("unknown option \"" + arguments[i] + "\"");
     }
@@ -57,6 +58,10 @@ BrokerOptions parseBrokerOptions(const std::vector<std::string>& arguments) {
       options.port = parsePort(option, value);
     } else if (option == "--parent-ip") {
       options.parentIp = value;
+    } else if (option == "--allow-host") {
+      options.allowedHosts.push_back(value);
+    } else if (option == "--token-file") {
+      options.tokenFile = value;
     } else {
       options.parentPort = parsePort(option, value);
     }
@@ -76,6 +81,11 @@ std::string brokerUsage(const std::string& program) {
          "  --parent-ip IP       run as a child of the broker at this address\n"
          "                       (default: none, a root broker)\n"
          "  --parent-port PORT   the parent broker's port (default: 9559)\n"
+         "  --allow-host NAME    answer requests that name this host (repeatable; also\n"
+         "                       VELMO_ALLOWED_HOSTS=a,b); addresses, localhost and this\n"
+         "                       machine's names are always answered\n"
+         "  --token-file FILE    require the token kept in FILE (private to its owner) of\n"
+         "                       every request, and send it; default: VELMO_TOKEN\n"
          "  -h, --help           this text\n"
          "\n"
          "A root broker hosts the KXMemory and KXResourceManager modules; a child broker\n"

@@ -13,6 +13,8 @@ struct BrokerOptions {
   int port = 9559;
   std::string parentIp;  // empty: a root broker
   int parentPort = 9559;
+  std::vector<std::string> allowedHosts;  // --allow-host, in order
+  std::string tokenFile;                  // empty: the token of VELMO_TOKEN, if any
   bool help = false;
 };
 

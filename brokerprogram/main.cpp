@@ -11,11 +11,13 @@
 
 #include "behavior/kxbehaviormanager.h"
 #include "broker/kxbroker.h"
+#include "brokerprogram/accessoptions.h"
 #include "brokerprogram/brokeroptions.h"
 #include "brokerprogram/commandoptions.h"
 #include "brokerprogram/commands.h"
 #include "log/log.h"
 #include "memory/kxstandardmodules.h"
+#include "network/kxaccesssettings.h"
 #include "value/kxerror.h"
 
 namespace {
@@ -31,6 +33,33 @@ sigset_t blockStopSignals() {
   return stopSignals;
 }
 
+// Takes the token file and the allowed host names for the brokers of this process; false
+// (after saying why) when one cannot be used.
+bool applyAccessOptions(const std::string& program, const velmo::BrokerOptions& options) {
+  try {
+    if (!options.tokenFile.empty()) KX::setTreeToken(velmo::readTokenFile(options.tokenFile));
+    for (const std::string& name : options.allowedHosts) KX::allowHostName(name);
+    KX::accessSettings();  // a bad VELMO_TOKEN or VELMO_ALLOWED_HOSTS is reported here
+  } catch (const KX::KXError& error) {
+    std::cerr << program << ": " << error.description() << std::endl;
+    return false;
+  } catch (const std::runtime_error& error) {
+    std::cerr << program << ": " << error.what() << std::endl;
+    return false;
+  }
+  return true;
+}
+
+// ip: the address asked for (a child learns another from its parent, but listens there).
+void announceAccess(const std::string& ip, int port) {
+  const velmo::AccessNotice notice = velmo::accessNotice(ip, port, KX::accessSettings().token);
+  for (const std::string& line : notice.lines) {
+    TU_LOG(tu::log::info, "velmo", "main") << line << std::endl;
+  }
+  if (!notice.warning.empty())
+    TU_LOG(tu::log::warning, "velmo", "main") << notice.warning << std::endl;
+}
+
 int runBroker(const std::string& program, const std::vector<std::string>& arguments) {
   velmo::BrokerOptions options;
   try {
@@ -44,6 +73,8 @@ int runBroker(const std::string& program, const std::vector<std::string>& argume
     return 0;
   }
 
+  if (!applyAccessOptions(program, options)) return 1;
+
   sigset_t stopSignals = blockStopSignals();
   std::shared_ptr<KX::KXBroker> broker;
   try {
@@ -53,6 +84,7 @@ int runBroker(const std::string& program, const std::vector<std::string>& argume
       KX::addStandardModules(broker);
     }
     KX::addBehaviorManager(broker);
+    announceAccess(options.ip, broker->getPort());
   } catch (const KX::KXError& error) {
     std::cerr << program << ": cannot start the broker:\n" << error.what() << std::endl;
     if (broker) {

@@ -384,11 +384,7 @@ int serveRequest(struct soap* soap, const BrokerRequestHandler& handler,
 
 }  // namespace
 
-std::string kxErrorDescription(const KXError& error) {
-  const std::string text = error.what();
-  const std::size_t separator = text.find("\n\t");
-  return separator == std::string::npos ? text : text.substr(separator + 2);
-}
+std::string kxErrorDescription(const KXError& error) { return error.description(); }
 
 int serveBrokerConnection(struct soap* soap, const BrokerRequestHandler& handler) {
   // The peer of a connection does not change: asked once.

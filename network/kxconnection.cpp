@@ -34,8 +34,9 @@ const KXModuleInfo& record(const BrokerRequest& request, std::size_t index) {
 
 }  // namespace
 
-KXConnection::KXConnection(std::string endpoint, KXModuleInfo module, int timeoutSeconds)
-    : endpoint_(std::move(endpoint)), module_(std::move(module)) {
+KXConnection::KXConnection(std::string endpoint, KXModuleInfo module, int timeoutSeconds,
+                           std::string token)
+    : endpoint_(std::move(endpoint)), module_(std::move(module)), token_(std::move(token)) {
   struct soap* soap = soap_.get();
   if (timeoutSeconds > 0) {
     soap->connect_timeout = timeoutSeconds;
@@ -55,6 +56,11 @@ KXConnection::KXConnection(std::string endpoint, KXModuleInfo module, int timeou
   soap->tcp_keep_idle = kKeepAliveIdleSeconds;
   soap->tcp_keep_intvl = kKeepAliveIntervalSeconds;
   soap->tcp_keep_cnt = kKeepAliveProbes;
+}
+
+void KXConnection::authorize() {
+  // Set for every message: the runtime forgets its credentials after a message.
+  soap_->bearer = token_.empty() ? nullptr : token_.c_str();
 }
 
 int KXConnection::sendCall(BrokerOperation op, const std::string& module, const std::string& method,
@@ -79,6 +85,7 @@ int KXConnection::sendCall(BrokerOperation op, const std::string& module, const 
 BrokerResponse KXConnection::call(BrokerOperation op, const std::string& method,
                                   const KXValue& param) {
   std::lock_guard<std::mutex> call(lock_);
+  authorize();
   const int sent = sendCall(op, module_.name, method, param);
   soap_clr_dime(soap_.get());
   if (sent != SOAP_OK) {
@@ -134,6 +141,7 @@ int KXConnection::send(const BrokerRequest& request) {
 
 BrokerResponse KXConnection::exchange(const BrokerRequest& request) {
   std::lock_guard<std::mutex> call(lock_);
+  authorize();
   struct soap* soap = soap_.get();
   const bool oneWay = brokerOperationIsOneWay(request.op);
   const int sent = send(request);
@@ -206,6 +214,19 @@ BrokerResponse KXConnection::transportFault() {
   soap_set_fault(soap);
   const char* faultString = soap_fault_string(soap);
   const char* faultDetail = soap_fault_detail(soap);
+  if (soap->error == 401 || soap->error == 403) {
+    // The broker's access rules said no: its one-line reason is the answer's body.
+    std::string reason = faultDetail != nullptr ? faultDetail : "";
+    reason = reason.substr(0, reason.find_first_of("\r\n"));
+    const bool noToken = soap->error == 401 && token_.empty();
+    soap_closesock(soap);
+    endSoapMessage(soap);
+    throw KXAccessRefused("KXNetwork", "connection",
+                          endpoint_ + " refused the request: " +
+                              (reason.empty() ? "HTTP " + std::to_string(soap->error) : reason) +
+                              (noToken ? " This process has no token: set VELMO_TOKEN." : ""),
+                          __FILE__, __LINE__);
+  }
   BrokerResponse response;
   response.fault = BrokerFault{"SOAP-ENV:Client", faultString ? faultString : "",
                                faultDetail ? faultDetail : ""};

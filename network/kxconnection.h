@@ -20,7 +20,9 @@ class KXConnection {
   // 0: connecting gives up after kConnectSeconds, and a call waits for its answer as long
   // as the remote method runs (a proxy's calls may legitimately block, "wait" without a
   // limit for one); TCP keep-alive probes find a peer machine that went away.
-  KXConnection(std::string endpoint, KXModuleInfo module, int timeoutSeconds);
+  // token: sent with every request as "Authorization: Bearer TOKEN" (none when empty).
+  KXConnection(std::string endpoint, KXModuleInfo module, int timeoutSeconds,
+               std::string token = std::string());
   KXConnection(const KXConnection&) = delete;
   KXConnection& operator=(const KXConnection&) = delete;
 
@@ -48,6 +50,7 @@ class KXConnection {
   void interrupt();
 
  private:
+  void authorize();
   int send(const BrokerRequest& request);
   int sendCall(BrokerOperation op, const std::string& module, const std::string& method,
                const KXValue& param);
@@ -56,7 +59,8 @@ class KXConnection {
 
   const std::string endpoint_;
   const KXModuleInfo module_;
-  std::mutex lock_;  // held for a whole call
+  const std::string token_;  // soap_'s bearer points into it
+  std::mutex lock_;          // held for a whole call
   KXSoapContext soap_;
   std::string envelope_;  // guarded by lock_: the last request written, its memory reused
   // The socket of the call in progress, for interrupt(); -1 when there is none.

@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "broker/kxbrokerpages.h"
 #include "log/log.h"
 #include "log/sdklayout.h"
 
@@ -35,16 +36,54 @@ constexpr const char* kEvalPrefix = "/?eval";
 constexpr std::size_t kPieceBytes = 64 * 1024;
 
 // What the runtime does not keep of the request whose header this thread is reading:
-// whether it carried a Content-Length (the runtime leaves `length` at 0 without one) and
-// whether it accepts HTML (a browser navigating). It reads the header and calls the GET and
-// PUT callbacks on one thread within one soap_begin_recv, so a per-thread record of the
-// context whose header was read last is enough.
+// whether it carried a Content-Length (the runtime leaves `length` at 0 without one),
+// whether it accepts HTML (a browser navigating) and the headers that the access policy
+// reads. It reads the header and calls the GET and PUT callbacks on one thread within one
+// soap_begin_recv, so a per-thread record of the context whose header was read last is
+// enough.
 struct HeaderWatch {
   const struct soap* soap = nullptr;
   bool contentLength = false;
   bool acceptsHtml = false;
+  KXRequestHeaders access;
 };
 thread_local HeaderWatch headerWatch;
+
+// Where a header that the access policy reads is kept; null for the others.
+std::optional<std::string>* accessHeader(KXRequestHeaders& headers, const char* key) {
+  const std::pair<const char*, std::optional<std::string> KXRequestHeaders::*> fields[] = {
+      {"Host", &KXRequestHeaders::host},
+      {"Origin", &KXRequestHeaders::origin},
+      {"Referer", &KXRequestHeaders::referer},
+      {"Sec-Fetch-Site", &KXRequestHeaders::secFetchSite},
+      {"Sec-Fetch-Mode", &KXRequestHeaders::secFetchMode},
+      {"Authorization", &KXRequestHeaders::authorization},
+      {"Cookie", &KXRequestHeaders::cookie},
+  };
+  for (const auto& field : fields) {
+    if (soap_tag_cmp(key, field.first) == 0) return &(headers.*field.second);
+  }
+  return nullptr;
+}
+
+KXHttpMethod methodOf(const struct soap* soap) {
+  switch (soap->status) {
+    case SOAP_GET:
+      return KXHttpMethod::get;
+    case SOAP_HEAD:
+      return KXHttpMethod::head;
+    case SOAP_POST:
+      return KXHttpMethod::post;
+    case SOAP_PUT:
+      return KXHttpMethod::put;
+    case SOAP_DEL:
+      return KXHttpMethod::del;
+    case SOAP_OPTIONS:
+      return KXHttpMethod::options;
+    default:
+      return KXHttpMethod::other;
+  }
+}
 
 const KXFileService* serviceOf(const struct soap* soap) {
   return static_cast<const KXFileService*>(soap->user);
@@ -256,10 +295,14 @@ std::string reasonOf(int code) {
       return "Moved Permanently";
     case 302:
       return "Found";
+    case 303:
+      return "See Other";
     case 304:
       return "Not Modified";
     case 400:
       return "Bad Request";
+    case 401:
+      return "Unauthorized";
     case 403:
       return "Forbidden";
     case 404:
@@ -291,6 +334,56 @@ int sendError(struct soap* soap, int code) {
                              "Server: Velmo\r\nContent-Type: text/plain\r\nContent-Length: " +
                              std::to_string(body.size()) + "\r\n" + closeLine(soap) + "\r\n";
   return answered(soap, sendBytes(soap, header + body));
+}
+
+// A refusal of the access policy: its reason as the body, and the connection closed (the
+// request's body, if any, is not read).
+int sendRefusal(struct soap* soap, int code, const std::string& reason,
+                const std::string& extraHeaders = std::string()) {
+  soap->keep_alive = 0;
+  const std::string body = reason + "\n";
+  const std::string header = statusLine(soap, code, reasonOf(code)) +
+                             "Server: Velmo\r\nContent-Type: text/plain; charset=utf-8\r\n" +
+                             extraHeaders + "Content-Length: " + std::to_string(body.size()) +
+                             "\r\nConnection: close\r\n\r\n";
+  return answered(soap, sendBytes(soap, header + body));
+}
+
+// A URL call that a link on another site led to: shown, not run, with a link that runs it
+// from the broker's own page (a same-origin navigation). The page may not be framed, so
+// that no other site can lay it under a person's click.
+int sendCallConfirmation(struct soap* soap, const std::string& rawPath) {
+  soap->keep_alive = 0;
+  const std::string call = percentDecode(rawPath.substr(2));  // without "/?"
+  const std::string body =
+      "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
+      "<title>Run this call?</title>\n<link rel=\"stylesheet\" href=\"/css/velmo.css\">\n"
+      "</head>\n<body>\n<main>\n<h1>Run this call?</h1>\n"
+      "<p>A page of another site sent you to this call. It has not been run.</p>\n"
+      "<pre class=\"call\">" +
+      detail::escapeXml(call) + "</pre>\n<p><a class=\"button\" id=\"run\" href=\"" +
+      detail::escapeXml(rawPath) +
+      "\">Run it</a> <a href=\"/index.html\">Go to the broker&#39;s page</a></p>\n"
+      "</main>\n</body>\n</html>\n";
+  const std::string header = statusLine(soap, 403, "Forbidden") +
+                             "Server: Velmo\r\nContent-Type: text/html; charset=utf-8\r\n"
+                             "X-Frame-Options: DENY\r\n"
+                             "Content-Security-Policy: frame-ancestors 'none'\r\n"
+                             "Cache-Control: no-store\r\nContent-Length: " +
+                             std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n";
+  return answered(soap, sendBytes(soap, header + body));
+}
+
+// The link "/?token=TOKEN": the cookie that carries the token from now on, then the
+// broker's page. HttpOnly keeps it from scripts, SameSite=Strict from other sites' requests.
+int sendTokenCookie(struct soap* soap, const std::string& cookieName, const std::string& token) {
+  const std::string header = statusLine(soap, 303, "See Other") +
+                             "Server: Velmo\r\nLocation: /\r\nSet-Cookie: " + cookieName + "=" +
+                             token +
+                             "; Path=/; HttpOnly; SameSite=Strict\r\nCache-Control: "
+                             "no-store\r\nContent-Length: 0\r\n" +
+                             connectionLine(soap) + "\r\n";
+  return answered(soap, sendBytes(soap, header));
 }
 
 int sendOk(struct soap* soap) {
@@ -463,8 +556,9 @@ fs::path userDataBase() {
 
 }  // namespace
 
-KXFileService::KXFileService(std::map<std::string, fs::path> roots, PageRenderer pages)
-    : roots_(std::move(roots)), pages_(std::move(pages)) {}
+KXFileService::KXFileService(std::map<std::string, fs::path> roots, PageRenderer pages,
+                             std::shared_ptr<const KXAccessPolicy> access)
+    : roots_(std::move(roots)), pages_(std::move(pages)), access_(std::move(access)) {}
 
 std::map<std::string, fs::path> KXFileService::defaultRoots() {
   const fs::path base = userDataBase();
@@ -486,6 +580,11 @@ void KXFileService::install(struct soap* server) const {
   server->fget = &KXFileService::httpGet;
   server->fput = &KXFileService::httpPut;
   server->fdel = &KXFileService::httpDelete;
+  server->fopt = &KXFileService::httpRefused;
+  server->fhead = &KXFileService::httpRefused;
+  // The runtime would answer a request with an Origin "Access-Control-Allow-Origin: *":
+  // any page could then read what the broker answers.
+  server->cors_allow = nullptr;
   if (server->fparse != &KXFileService::parseRequest) {
     parse_ = server->fparse;
     server->fparse = &KXFileService::parseRequest;
@@ -498,14 +597,50 @@ void KXFileService::install(struct soap* server) const {
 }
 
 int KXFileService::parseRequest(struct soap* soap) {
-  headerWatch = HeaderWatch{soap, false, false};
+  headerWatch = HeaderWatch{soap, false, false, KXRequestHeaders()};
   const KXFileService* service = serviceOf(soap);
   const ParseFunction parse = service != nullptr ? service->parse_.load() : nullptr;
-  return parse != nullptr ? parse(soap) : (soap->error = SOAP_EOF);
+  if (parse == nullptr) return soap->error = SOAP_EOF;
+  // The header is read, the method is known and nothing has been served yet.
+  if (parse(soap) != SOAP_OK) return soap->error;
+  return service->admit(soap);
+}
+
+int KXFileService::admit(struct soap* soap) const {
+  if (!access_) return SOAP_OK;
+  const std::string rawPath = soap->path;
+  const KXAccessDecision decision = access_->decide(
+      methodOf(soap), rawPath, headerWatch.soap == soap ? headerWatch.access : KXRequestHeaders());
+  int result = SOAP_OK;
+  switch (decision.kind) {
+    case KXAccessDecision::Kind::allow:
+      return SOAP_OK;
+    case KXAccessDecision::Kind::forbidden:
+      result = sendRefusal(soap, 403, decision.reason);
+      break;
+    case KXAccessDecision::Kind::unauthorized:
+      result = sendRefusal(soap, 401, decision.reason, "WWW-Authenticate: Bearer\r\n");
+      break;
+    case KXAccessDecision::Kind::confirmCall:
+      result = sendCallConfirmation(soap, rawPath);
+      break;
+    case KXAccessDecision::Kind::acceptToken:
+      result = sendTokenCookie(soap, access_->cookieName(), access_->token());
+      break;
+  }
+  if (decision.kind != KXAccessDecision::Kind::acceptToken) {
+    TU_LOG(tu::log::verbose, kCategory, "KX::KXNetwork::admit")
+        << "Refused " << rawPath.substr(0, 200) << ": " << decision.reason << std::endl;
+  }
+  // Answered: the runtime serves nothing more of this request.
+  return soap->error = result == SOAP_OK ? SOAP_STOP : result;
 }
 
 int KXFileService::parseHeader(struct soap* soap, const char* key, const char* value) {
   if (headerWatch.soap == soap && key != nullptr) {
+    if (std::optional<std::string>* field = accessHeader(headerWatch.access, key)) {
+      *field = value != nullptr ? value : "";
+    }
     if (soap_tag_cmp(key, "Content-Length") == 0) headerWatch.contentLength = true;
     if (soap_tag_cmp(key, "Accept") == 0 && value != nullptr &&
         std::strstr(value, "text/html") != nullptr) {
@@ -515,6 +650,14 @@ int KXFileService::parseHeader(struct soap* soap, const char* key, const char* v
   const KXFileService* service = serviceOf(soap);
   const ParseHeaderFunction parse = service != nullptr ? service->parseHeader_.load() : nullptr;
   return parse != nullptr ? parse(soap, key, value) : SOAP_OK;
+}
+
+int KXFileService::httpRefused(struct soap* soap) {
+  const std::string header = statusLine(soap, 405, "Method Not Allowed") +
+                             "Server: Velmo\r\nAllow: GET, POST, PUT, DELETE\r\nContent-Length: "
+                             "0\r\n" +
+                             connectionLine(soap) + "\r\n";
+  return answered(soap, sendBytes(soap, header));
 }
 
 int KXFileService::httpGet(struct soap* soap) {

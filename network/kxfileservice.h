@@ -11,7 +11,10 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
+
+#include "network/kxaccesspolicy.h"
 
 namespace KX {
 
@@ -34,6 +37,12 @@ using PageRenderer =
 // or one that leaves its root through a symbolic link is refused with 404 and a warning in
 // the log. A root's folder itself is never deleted.
 //
+// Every request on the port, SOAP POSTs included, first passes the access policy (when
+// there is one): a request it refuses is answered here (403 or 401 and a one-line reason,
+// the connection then closed) and reaches neither the files, the pages nor the broker
+// protocol. No answer allows other origins to read it (no CORS headers); OPTIONS and HEAD
+// are answered 405.
+//
 // Immutable once built; its callbacks serve any number of connections at once.
 class KXFileService {
  public:
@@ -41,7 +50,9 @@ class KXFileService {
   static constexpr std::uint64_t kMaxPutBytes = 64ull * 1024 * 1024;
 
   // roots: first path component -> folder (an empty path: a root without a folder).
-  KXFileService(std::map<std::string, std::filesystem::path> roots, PageRenderer pages);
+  // access: null lets every request in.
+  KXFileService(std::map<std::string, std::filesystem::path> roots, PageRenderer pages,
+                std::shared_ptr<const KXAccessPolicy> access = nullptr);
 
   KXFileService(const KXFileService&) = delete;
   KXFileService& operator=(const KXFileService&) = delete;
@@ -67,16 +78,20 @@ class KXFileService {
   static int httpGet(struct soap* soap);
   static int httpPut(struct soap* soap);
   static int httpDelete(struct soap* soap);
+  static int httpRefused(struct soap* soap);
   static int parseRequest(struct soap* soap);
   static int parseHeader(struct soap* soap, const char* key, const char* value);
 
   int serveGet(struct soap* soap) const;
   int servePut(struct soap* soap) const;
   int serveDelete(struct soap* soap) const;
+  // Answers a request that the access policy does not let in; SOAP_OK when it may go on.
+  int admit(struct soap* soap) const;
 
   // Constant after construction.
   std::map<std::string, std::filesystem::path> roots_;
   PageRenderer pages_;
+  std::shared_ptr<const KXAccessPolicy> access_;
   // The runtime's own request and header parsers, which ours wrap. Set by install, before
   // the context serves anything.
   mutable std::atomic<ParseFunction> parse_{nullptr};

@@ -12,12 +12,14 @@
 #include <iostream>
 #include <map>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "broker/kxbroker.h"
 #include "broker/kxbrokermanager.h"
 #include "broker/kxbrokerpages.h"
 #include "log/log.h"
+#include "network/kxaccesssettings.h"
 #include "network/kxbrokerdispatch.h"
 #include "network/kxconnection.h"
 #include "network/kxfileservice.h"
@@ -71,6 +73,9 @@ struct RemoteCall {
 }  // namespace
 
 struct KXNetwork::Impl {
+  // Taken when the module is made: the token its server asks for and its messages carry.
+  const KXAccessSettings access = accessSettings();
+
   // Serialises newServer.
   std::mutex serverMutex;
   std::shared_ptr<KXNetworkServer> server;  // guarded by serverMutex
@@ -218,11 +223,15 @@ void KXNetwork::newServer(const std::string& ip, const int& port) {
   std::lock_guard<std::mutex> guard(impl_->serverMutex);
   startTask("remotePCallManager", &KXNetwork::remotePCallManager);
 
+  std::set<std::string> hostNames = ownHostNames();
+  hostNames.insert(impl_->access.allowedHosts.begin(), impl_->access.allowedHosts.end());
   auto files = std::make_shared<const KXFileService>(
-      KXFileService::defaultRoots(), [](const std::string& endpoint, const std::string& path) {
+      KXFileService::defaultRoots(),
+      [](const std::string& endpoint, const std::string& path) {
         std::shared_ptr<KXBroker> broker = brokerForEndpoint(endpoint);
         return broker ? broker->getPage(path) : std::string("Broker not found");
-      });
+      },
+      std::make_shared<const KXAccessPolicy>(hostNames, impl_->access.token, port));
   auto server = std::make_shared<KXNetworkServer>(carryOutBrokerRequest, std::move(files));
 
   if (findFreePort(ip, port) != port) {
@@ -321,9 +330,9 @@ void KXNetwork::registerClient(const std::string& ip, const int& port, const boo
   broker->setIP(sendBackIP(connection));
   try {
     registerBrokerTo(connection, broker->getBrokerInfo());
-  } catch (const KXError&) {
+  } catch (const KXError& error) {
     TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::registerClient")
-        << "cannot register broker to " << endpoint << std::endl;
+        << "cannot register broker to " << endpoint << ": " << error.description() << std::endl;
     throw;
   }
   if (useHeartBeat) {
@@ -513,7 +522,8 @@ void KXNetwork::remotePCallManager() {
 
 int KXNetwork::createConnection(const KXModuleInfo& module, const std::string& endpoint,
                                 int timeoutSeconds) {
-  auto connection = std::make_shared<KXConnection>(endpoint, module, timeoutSeconds);
+  auto connection =
+      std::make_shared<KXConnection>(endpoint, module, timeoutSeconds, impl_->access.token);
   std::lock_guard<std::mutex> guard(impl_->connectionMutex);
   // Ids stay positive; after a wrap the next free one is taken.
   do {
@@ -536,8 +546,9 @@ void KXNetwork::destroyConnection(const int& connection) {
 
 void KXNetwork::setEndPoint(const int& connection, const std::string& ip, const int& port) {
   std::shared_ptr<KXConnection> old = findConnection(connection, "setEndPoint");
-  auto replacement = std::make_shared<KXConnection>("http://" + ip + ":" + std::to_string(port),
-                                                    old->module(), kBrokerTimeoutSeconds);
+  auto replacement =
+      std::make_shared<KXConnection>("http://" + ip + ":" + std::to_string(port), old->module(),
+                                     kBrokerTimeoutSeconds, impl_->access.token);
   std::lock_guard<std::mutex> guard(impl_->connectionMutex);
   impl_->connections[connection] = replacement;
 }

@@ -32,6 +32,12 @@ KXError::KXError(const std::string& message) : std::runtime_error(message) {}
 
 KXError::~KXError() = default;
 
+std::string KXError::description() const {
+  const std::string text = what();
+  const std::size_t separator = text.find("\n\t");
+  return separator == std::string::npos ? text : text.substr(separator + 2);
+}
+
 KXNetworkError::KXNetworkError(std::string module, std::string method, std::string description,
                                const char* file, int line)
     : KXError(module, method, description, file, line) {}
@@ -39,6 +45,8 @@ KXNetworkError::KXNetworkError(std::string module, std::string method, std::stri
 KXNetworkError::KXNetworkError(const KXError& other) : KXError(std::string(other.what())) {}
 
 KXNetworkError::~KXNetworkError() = default;
+
+KXAccessRefused::~KXAccessRefused() = default;
 
 void throwAssertFailed(const std::string& module, const char* file, int line) {
   throw KXError(module, "Assert failed",

@@ -20,6 +20,9 @@ class KXError : public std::runtime_error {
           const char* file, int line);
   ~KXError() override;
 
+  // What follows the module and method line: the description alone.
+  std::string description() const;
+
  protected:
   explicit KXError(const std::string& message);
 };
@@ -32,6 +35,14 @@ class KXNetworkError : public KXError {
                  int line);
   explicit KXNetworkError(const KXError& other);
   ~KXNetworkError() override;
+};
+
+// Raised when a broker refuses a request: a wrong or missing token, or a host name or
+// origin that it does not accept. Asking again the same way cannot succeed.
+class KXAccessRefused : public KXNetworkError {
+ public:
+  using KXNetworkError::KXNetworkError;
+  ~KXAccessRefused() override;
 };
 
 // Internal consistency check: throws KXError(module, "Assert failed", "<file>:<line>").

@@ -1,0 +1,103 @@
+#include "network/kxaccesssettings.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <mutex>
+#include <optional>
+
+#include "network/kxaccesspolicy.h"
+#include "value/kxerror.h"
+
+namespace KX {
+namespace {
+
+struct Settings {
+  std::mutex mutex;
+  bool loaded = false;        // guarded by mutex
+  KXAccessSettings settings;  // guarded by mutex
+};
+
+// Lives until the process ends: brokers may be created at any time, from any thread.
+Settings& processSettings() {
+  static Settings settings;
+  return settings;
+}
+
+// `source`: where the value came from, named in the error ("" for a caller's argument).
+std::string checkedToken(const std::string& token, const char* method, const std::string& source) {
+  const std::string problem = tokenProblem(token);
+  if (!problem.empty()) KX_THROW("KXNetwork", method, source + problem + ".");
+  return token;
+}
+
+std::string checkedHostName(const std::string& name, const char* method,
+                            const std::string& source) {
+  const std::optional<KXHostPort> host = parseHostHeader(name);
+  if (!host || name.find(':') != std::string::npos) {
+    KX_THROW("KXNetwork", method, source + "\"" + name + "\" is not a host name.");
+  }
+  return host->host;
+}
+
+void loadEnvironment(KXAccessSettings& settings) {
+  if (const char* token = std::getenv("VELMO_TOKEN"); token != nullptr && token[0] != '\0') {
+    settings.token = checkedToken(token, "VELMO_TOKEN", "VELMO_TOKEN: ");
+  }
+  if (const char* names = std::getenv("VELMO_ALLOWED_HOSTS")) {
+    const std::string list = names;
+    std::size_t start = 0;
+    while (start <= list.size()) {
+      std::size_t end = list.find(',', start);
+      if (end == std::string::npos) end = list.size();
+      const std::string name = list.substr(start, end - start);
+      if (name.find_first_not_of(" \t") != std::string::npos) {
+        const std::size_t first = name.find_first_not_of(" \t");
+        const std::size_t last = name.find_last_not_of(" \t");
+        settings.allowedHosts.insert(checkedHostName(
+            name.substr(first, last - first + 1), "VELMO_ALLOWED_HOSTS", "VELMO_ALLOWED_HOSTS: "));
+      }
+      start = end + 1;
+    }
+  }
+}
+
+// Runs `change` on the settings, loaded from the environment first.
+template <typename Change>
+auto withSettings(Change&& change) {
+  Settings& shared = processSettings();
+  std::lock_guard<std::mutex> guard(shared.mutex);
+  if (!shared.loaded) {
+    KXAccessSettings loaded;
+    loadEnvironment(loaded);  // a bad environment is reported on every use, not just once
+    shared.settings = std::move(loaded);
+    shared.loaded = true;
+  }
+  return change(shared.settings);
+}
+
+}  // namespace
+
+KXAccessSettings accessSettings() {
+  return withSettings([](const KXAccessSettings& settings) { return settings; });
+}
+
+void setTreeToken(const std::string& token) {
+  const std::string checked = token.empty() ? token : checkedToken(token, "setTreeToken", "");
+  withSettings([&checked](KXAccessSettings& settings) { settings.token = checked; });
+}
+
+void allowHostName(const std::string& name) {
+  const std::string checked = checkedHostName(name, "allowHostName", "");
+  withSettings([&checked](KXAccessSettings& settings) { settings.allowedHosts.insert(checked); });
+}
+
+std::set<std::string> ownHostNames() {
+  char name[256] = {0};
+  if (gethostname(name, sizeof(name) - 1) != 0 || name[0] == '\0') return {};
+  const std::string full = name;
+  const std::string label = full.substr(0, full.find('.'));
+  return {full, label, label + ".local"};
+}
+
+}  // namespace KX
