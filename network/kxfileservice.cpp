@@ -336,24 +336,24 @@ int sendError(struct soap* soap, int code) {
   return answered(soap, sendBytes(soap, header + body));
 }
 
-// A refusal of the access policy: its reason as the body, and the connection closed (the
-// request's body, if any, is not read).
-int sendRefusal(struct soap* soap, int code, const std::string& reason,
-                const std::string& extraHeaders = std::string()) {
-  soap->keep_alive = 0;
+// The answers of the access policy end their connection: the request's body, if any, is
+// not read.
+
+// A refusal: its reason as the body.
+void sendRefusal(struct soap* soap, int code, const std::string& reason,
+                 const std::string& extraHeaders = std::string()) {
   const std::string body = reason + "\n";
   const std::string header = statusLine(soap, code, reasonOf(code)) +
                              "Server: Velmo\r\nContent-Type: text/plain; charset=utf-8\r\n" +
                              extraHeaders + "Content-Length: " + std::to_string(body.size()) +
                              "\r\nConnection: close\r\n\r\n";
-  return answered(soap, sendBytes(soap, header + body));
+  sendBytes(soap, header + body);
 }
 
 // A URL call that a link on another site led to: shown, not run, with a link that runs it
 // from the broker's own page (a same-origin navigation). The page may not be framed, so
 // that no other site can lay it under a person's click.
-int sendCallConfirmation(struct soap* soap, const std::string& rawPath) {
-  soap->keep_alive = 0;
+void sendCallConfirmation(struct soap* soap, const std::string& rawPath) {
   const std::string call = percentDecode(rawPath.substr(2));  // without "/?"
   const std::string body =
       "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
@@ -371,19 +371,18 @@ int sendCallConfirmation(struct soap* soap, const std::string& rawPath) {
                              "Content-Security-Policy: frame-ancestors 'none'\r\n"
                              "Cache-Control: no-store\r\nContent-Length: " +
                              std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n";
-  return answered(soap, sendBytes(soap, header + body));
+  sendBytes(soap, header + body);
 }
 
 // The link "/?token=TOKEN": the cookie that carries the token from now on, then the
 // broker's page. HttpOnly keeps it from scripts, SameSite=Strict from other sites' requests.
-int sendTokenCookie(struct soap* soap, const std::string& cookieName, const std::string& token) {
+void sendTokenCookie(struct soap* soap, const std::string& cookieName, const std::string& token) {
   const std::string header = statusLine(soap, 303, "See Other") +
                              "Server: Velmo\r\nLocation: /\r\nSet-Cookie: " + cookieName + "=" +
                              token +
                              "; Path=/; HttpOnly; SameSite=Strict\r\nCache-Control: "
-                             "no-store\r\nContent-Length: 0\r\n" +
-                             connectionLine(soap) + "\r\n";
-  return answered(soap, sendBytes(soap, header));
+                             "no-store\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+  sendBytes(soap, header);
 }
 
 int sendOk(struct soap* soap) {
@@ -611,29 +610,31 @@ int KXFileService::admit(struct soap* soap) const {
   const std::string rawPath = soap->path;
   const KXAccessDecision decision = access_->decide(
       methodOf(soap), rawPath, headerWatch.soap == soap ? headerWatch.access : KXRequestHeaders());
-  int result = SOAP_OK;
+  // Whether the answer made it or not, the connection ends after it.
   switch (decision.kind) {
     case KXAccessDecision::Kind::allow:
       return SOAP_OK;
     case KXAccessDecision::Kind::forbidden:
-      result = sendRefusal(soap, 403, decision.reason);
+      sendRefusal(soap, 403, decision.reason);
       break;
     case KXAccessDecision::Kind::unauthorized:
-      result = sendRefusal(soap, 401, decision.reason, "WWW-Authenticate: Bearer\r\n");
+      sendRefusal(soap, 401, decision.reason, "WWW-Authenticate: Bearer\r\n");
       break;
     case KXAccessDecision::Kind::confirmCall:
-      result = sendCallConfirmation(soap, rawPath);
+      sendCallConfirmation(soap, rawPath);
       break;
     case KXAccessDecision::Kind::acceptToken:
-      result = sendTokenCookie(soap, access_->cookieName(), access_->token());
+      sendTokenCookie(soap, access_->cookieName(), access_->token());
       break;
   }
   if (decision.kind != KXAccessDecision::Kind::acceptToken) {
     TU_LOG(tu::log::verbose, kCategory, "KX::KXNetwork::admit")
         << "Refused " << rawPath.substr(0, 200) << ": " << decision.reason << std::endl;
   }
-  // Answered: the runtime serves nothing more of this request.
-  return soap->error = result == SOAP_OK ? SOAP_STOP : result;
+  // The runtime would go on to serve the request after any other answer: to it, the peer
+  // has gone.
+  soap->keep_alive = 0;
+  return soap->error = SOAP_EOF;
 }
 
 int KXFileService::parseHeader(struct soap* soap, const char* key, const char* value) {
