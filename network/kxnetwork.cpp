@@ -386,7 +386,7 @@ void KXNetwork::runHeartBeat() {
       callMethod(connection, "heartBeat", arguments);
     } catch (const KXError& error) {
       TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::runHeartBeat")
-          << "heartbeat to the parent failed: " << error.what() << std::endl;
+          << "heartbeat to the parent failed: " << error.description() << std::endl;
       impl_->pause(kBeatPeriod);
       break;
     }

@@ -4,6 +4,7 @@ import collections
 import os
 import queue
 import re
+import shutil
 import subprocess
 import sys
 import textwrap
@@ -21,25 +22,28 @@ BIN_DIR = os.path.join(os.path.dirname(PYTHON_DIR), "bin")
 PATIENCE_S = 60
 
 
-def env_with_binding():
+def env_with_binding(extra=None):
+    """This process's environment for a program of the test's, with `extra` variables."""
     env = dict(os.environ)
     env["PYTHONPATH"] = PYTHON_DIR
     env["PYTHONUNBUFFERED"] = "1"
+    env.update(extra or {})
     return env
 
 
-def run_python(code, timeout=PATIENCE_S):
+def run_python(code, timeout=PATIENCE_S, env=None):
     """Runs `code` in a fresh interpreter; returns the finished process (text output)."""
-    return subprocess.run([sys.executable, "-c", textwrap.dedent(code)], env=env_with_binding(),
-                          capture_output=True, text=True, timeout=timeout)
+    return subprocess.run([sys.executable, "-c", textwrap.dedent(code)],
+                          env=env_with_binding(env), capture_output=True, text=True,
+                          timeout=timeout)
 
 
 class Program:
     """A program of the test's own. Its output is read as it comes, so that waiting for
     a line never outlasts the patience; stopped (SIGTERM, then SIGKILL) by stop()."""
 
-    def __init__(self, argv, stdin=subprocess.DEVNULL):
-        self.process = subprocess.Popen(argv, env=env_with_binding(), stdin=stdin,
+    def __init__(self, argv, stdin=subprocess.DEVNULL, env=None):
+        self.process = subprocess.Popen(argv, env=env_with_binding(env), stdin=stdin,
                                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                         text=True)
         self.lines = queue.Queue()
@@ -94,8 +98,8 @@ def start_program():
     """Starts programs that the test's end stops."""
     started = []
 
-    def start(argv, stdin=subprocess.DEVNULL):
-        program = Program(argv, stdin)
+    def start(argv, stdin=subprocess.DEVNULL, env=None):
+        program = Program(argv, stdin, env)
         started.append(program)
         return program
 
@@ -123,3 +127,28 @@ def root_broker(capfd):
     out, _ = capfd.readouterr()
     yield RootBroker(broker, int(re.search(LISTENING, out).group(1)))
     broker.shutdown()
+
+
+CHROMIUM = shutil.which("chromium") or "/usr/bin/chromium"
+CHROMEDRIVER = shutil.which("chromedriver") or "/usr/bin/chromedriver"
+
+
+@pytest.fixture
+def browser():
+    """A headless Chromium driven through chromedriver."""
+    if not (os.access(CHROMIUM, os.X_OK) and os.access(CHROMEDRIVER, os.X_OK)):
+        pytest.skip(f"needs chromium and chromedriver ({CHROMIUM}, {CHROMEDRIVER})")
+    webdriver = pytest.importorskip("selenium.webdriver",
+                                    reason="needs python3-selenium for the browser test")
+    from selenium.webdriver.chrome.service import Service
+
+    options = webdriver.ChromeOptions()
+    options.binary_location = CHROMIUM
+    for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage",
+                     "--window-size=1200,1600"):
+        options.add_argument(argument)
+    options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+    driver = webdriver.Chrome(service=Service(CHROMEDRIVER), options=options)
+    driver.set_page_load_timeout(PATIENCE_S)
+    yield driver
+    driver.quit()

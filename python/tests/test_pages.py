@@ -2,7 +2,6 @@
 pages that tools keep reading."""
 import json
 import os
-import shutil
 import time
 import urllib.parse
 import urllib.request
@@ -11,9 +10,6 @@ from xml.etree import ElementTree
 import pytest
 
 from conftest import BIN_DIR, PATIENCE_S, wait_until
-
-CHROMIUM = shutil.which("chromium") or "/usr/bin/chromium"
-CHROMEDRIVER = shutil.which("chromedriver") or "/usr/bin/chromedriver"
 
 
 def get(port, path):
@@ -42,26 +38,6 @@ def child_tree(velmo_root, start_program):
                    "--port", "0", "--parent-ip", "127.0.0.1", "--parent-port", str(velmo_root)])
     [child_port] = wait_until(lambda: child_ports(velmo_root), "the root to list its child")
     return velmo_root, child_port
-
-
-@pytest.fixture
-def browser():
-    if not (os.access(CHROMIUM, os.X_OK) and os.access(CHROMEDRIVER, os.X_OK)):
-        pytest.skip(f"needs chromium and chromedriver ({CHROMIUM}, {CHROMEDRIVER})")
-    webdriver = pytest.importorskip("selenium.webdriver",
-                                    reason="needs python3-selenium for the browser test")
-    from selenium.webdriver.chrome.service import Service
-
-    options = webdriver.ChromeOptions()
-    options.binary_location = CHROMIUM
-    for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage",
-                     "--window-size=1200,1600"):
-        options.add_argument(argument)
-    options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
-    driver = webdriver.Chrome(service=Service(CHROMEDRIVER), options=options)
-    driver.set_page_load_timeout(PATIENCE_S)
-    yield driver
-    driver.quit()
 
 
 @pytest.fixture

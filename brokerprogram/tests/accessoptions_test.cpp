@@ -1,0 +1,79 @@
+#include "brokerprogram/accessoptions.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+
+namespace velmo {
+namespace {
+
+// A file in a fresh folder of its own, removed with it.
+class TokenFile {
+ public:
+  TokenFile(const std::string& content, mode_t mode) {
+    char folder[] = "/tmp/velmo-token-XXXXXX";
+    folder_ = mkdtemp(folder) != nullptr ? folder : "";
+    path_ = folder_ + "/token";
+    std::ofstream(path_) << content;
+    chmod(path_.c_str(), mode);
+  }
+  ~TokenFile() {
+    unlink(path_.c_str());
+    rmdir(folder_.c_str());
+  }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string folder_;
+  std::string path_;
+};
+
+std::string refusal(const std::string& path) {
+  try {
+    return "read " + readTokenFile(path);
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+}
+
+TEST(TokenFileTest, APrivateFileGivesItsFirstLineAndOthersAreRefusedWithTheirReason) {
+  const TokenFile good("  s3cret-1 \nsecond line\n", 0600);
+  EXPECT_EQ(refusal(good.path()), "read s3cret-1");
+  const TokenFile shared("s3cret", 0640);
+  EXPECT_EQ(refusal(shared.path()), "the token file " + shared.path() +
+                                        " can be read by other users (mode 0640); make it "
+                                        "private: chmod 600 " +
+                                        shared.path());
+  const TokenFile empty("\n", 0600);
+  EXPECT_EQ(refusal(empty.path()), "the token file " + empty.path() + ": the token is empty");
+  const TokenFile spaced("a b", 0400);
+  EXPECT_EQ(refusal(spaced.path()), "the token file " + spaced.path() +
+                                        ": the token may hold only letters, digits and "
+                                        "\"-._~+/=\"");
+  EXPECT_EQ(refusal("/nonexistent/token"),
+            "the token file /nonexistent/token cannot be read: No such file or directory");
+  EXPECT_EQ(refusal("/tmp"), "the token file /tmp is not a file");
+}
+
+TEST(AccessNoticeTest, SaysWhereItListensAndWarnsOnlyWhenOpenToEveryone) {
+  const AccessNotice open = accessNotice("", 9559, "");
+  EXPECT_EQ(open.lines, (std::vector<std::string>{"Listening on every interface, port 9559",
+                                                  "No token is required"}));
+  EXPECT_EQ(open.warning,
+            "Anyone who can reach this machine can use this broker: listen on one address "
+            "(--ip 127.0.0.1), or require a token (VELMO_TOKEN or --token-file)");
+  EXPECT_EQ(accessNotice("127.0.0.1", 9559, "").warning, "");
+  const AccessNotice guarded = accessNotice("0.0.0.0", 9559, "t0k");
+  EXPECT_EQ(guarded.lines[1],
+            "A token is required for every request; open http://127.0.0.1:9559/?token=t0k in a "
+            "browser; programs send the token of VELMO_TOKEN");
+  EXPECT_EQ(guarded.warning, "");
+}
+
+}  // namespace
+}  // namespace velmo
