@@ -60,19 +60,14 @@ TEST(TokenFileTest, APrivateFileGivesItsFirstLineAndOthersAreRefusedWithTheirRea
   EXPECT_EQ(refusal("/tmp"), "the token file /tmp is not a file");
 }
 
-TEST(AccessNoticeTest, SaysWhereItListensAndWarnsOnlyWhenOpenToEveryone) {
-  const AccessNotice open = accessNotice("", 9559, "");
-  EXPECT_EQ(open.lines, (std::vector<std::string>{"Listening on every interface, port 9559",
-                                                  "No token is required"}));
-  EXPECT_EQ(open.warning,
-            "Anyone who can reach this machine can use this broker: listen on one address "
-            "(--ip 127.0.0.1), or require a token (VELMO_TOKEN or --token-file)");
+TEST(AccessNoticeTest, WarnsOnlyWhenEveryInterfaceListensWithoutAToken) {
+  EXPECT_NE(accessNotice("", 9559, "").warning, "");
+  EXPECT_NE(accessNotice("0.0.0.0", 9559, "").warning, "");
   EXPECT_EQ(accessNotice("127.0.0.1", 9559, "").warning, "");
   const AccessNotice guarded = accessNotice("0.0.0.0", 9559, "t0k");
-  EXPECT_EQ(guarded.lines[1],
-            "A token is required for every request; open http://127.0.0.1:9559/?token=t0k in a "
-            "browser; programs send the token of VELMO_TOKEN");
   EXPECT_EQ(guarded.warning, "");
+  // The link a person opens reaches this machine whatever the interfaces listened on.
+  EXPECT_NE(guarded.lines.back().find("http://127.0.0.1:9559/?token=t0k"), std::string::npos);
 }
 
 }  // namespace
