@@ -354,7 +354,14 @@ void sendRefusal(struct soap* soap, int code, const std::string& reason,
 // from the broker's own page (a same-origin navigation). The page may not be framed, so
 // that no other site can lay it under a person's click.
 void sendCallConfirmation(struct soap* soap, const std::string& rawPath) {
-  const std::string call = percentDecode(rawPath.substr(2));  // without "/?"
+  std::string call = rawPath.substr(2);  // without "/?"
+  for (const char* form : {"eval=", "eval", "json"}) {
+    if (call.rfind(form, 0) == 0) {
+      call.erase(0, std::strlen(form));
+      break;
+    }
+  }
+  call = percentDecode(call);
   const std::string body =
       "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
       "<title>Run this call?</title>\n<link rel=\"stylesheet\" href=\"/css/velmo.css\">\n"

@@ -87,15 +87,12 @@ FOREIGN = "http://attacker.example"
 TABLE = [
     ("call", OWN, None, None, TOKEN, 200),
     ("call", OWN, None, None, None, 401),
-    ("call", OWN, None, None, "tree-s3cret_2", 401),
     ("call", "attacker.example", None, None, TOKEN, 403),
-    ("call", "attacker.example:{port}", None, "none", TOKEN, 403),
     ("call", "LOCALHOST:{port}", "http://localhost:{port}", "same-origin", TOKEN, 200),
     ("call", OWN, FOREIGN, "cross-site", TOKEN, 403),
     ("json", OWN, None, "same-site", TOKEN, 403),
     ("json", OWN, None, "none", TOKEN, 200),
     ("soap", OWN, "null", None, TOKEN, 403),
-    ("soap", OWN, "http://127.0.0.1:1", "same-site", TOKEN, 403),
     ("soap", None, None, None, TOKEN, 200),
     ("soap", OWN, None, None, None, 401),
     ("put", OWN, "http://127.0.0.1:1", "same-site", TOKEN, 403),
@@ -141,6 +138,11 @@ def test_requests_are_refused_before_they_change_anything(start_program, tmp_pat
                                                      "Origin": FOREIGN, "Authorization":
                                                      f"Bearer {TOKEN}"})
     assert status == 200 and "<page>" in text
+    # No preflight succeeds, and no answer lets another origin read it.
+    status, answer, _ = ask(port, "OPTIONS", "/", {
+        "Origin": FOREIGN, "Authorization": f"Bearer {TOKEN}",
+        "Access-Control-Request-Method": "PUT"})
+    assert status == 405 and not [name for name in answer if name.startswith("Access-Control")]
     # A link followed from another site: the call is shown, not run, in a page no site frames.
     status, answer, text = ask(port, "GET", url_call("link"), {
         "Authorization": f"Bearer {TOKEN}", "Sec-Fetch-Site": "cross-site",
