@@ -296,8 +296,8 @@ def test_a_child_with_the_trees_token_joins_and_one_without_is_refused(start_pro
     assert "refused the request: Unauthorized: the token sent is not this broker's." in (
         refused.stdout)
     output = refused.stdout + refused.stderr
-    assert len([line for line in output.splitlines() if "cannot register broker to" in line]) == 1, (
-        output)
+    said = [line for line in output.splitlines() if "cannot register broker to" in line]
+    assert len(said) == 1, output
     status, _, page = ask(root, "GET", "/index.xml", {"Authorization": f"Bearer {TOKEN}"})
     assert status == 200
     children = ElementTree.fromstring(page).findall("childBrokers/broker")
