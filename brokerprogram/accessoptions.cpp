@@ -1,65 +1,43 @@
 #include "brokerprogram/accessoptions.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
+#include <system_error>
 
 #include "network/kxaccesspolicy.h"
 
 namespace velmo {
 namespace {
 
-constexpr std::size_t kMaxTokenFileBytes = 4096;
-
-class ReadOnlyFile {
- public:
-  explicit ReadOnlyFile(const std::string& path)
-      : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
-  ~ReadOnlyFile() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  ReadOnlyFile(const ReadOnlyFile&) = delete;
-  ReadOnlyFile& operator=(const ReadOnlyFile&) = delete;
-  int get() const { return fd_; }
-
- private:
-  const int fd_;
-};
-
-std::string modeText(mode_t mode) {
-  char text[8];
-  std::snprintf(text, sizeof(text), "%04o", static_cast<unsigned>(mode & 07777));
+std::string modeText(std::filesystem::perms mode) {
+  char text[16];
+  std::snprintf(text, sizeof(text), "%04o",
+                static_cast<unsigned>(mode & std::filesystem::perms::mask));
   return text;
 }
 
 }  // namespace
 
 std::string readTokenFile(const std::string& path) {
+  namespace fs = std::filesystem;
   const std::string named = "the token file " + path;
-  ReadOnlyFile file(path);
-  struct stat info {};
-  if (file.get() < 0 || ::fstat(file.get(), &info) != 0) {
-    throw std::runtime_error(named + " cannot be read: " + std::strerror(errno));
-  }
-  if (!S_ISREG(info.st_mode)) throw std::runtime_error(named + " is not a file");
-  if ((info.st_mode & (S_IRGRP | S_IROTH)) != 0) {
-    throw std::runtime_error(named + " can be read by other users (mode " + modeText(info.st_mode) +
+  std::error_code error;
+  const fs::file_status status = fs::status(path, error);
+  if (error) throw std::runtime_error(named + " cannot be read: " + error.message());
+  if (!fs::is_regular_file(status)) throw std::runtime_error(named + " is not a file");
+  const fs::perms mode = status.permissions();
+  if ((mode & (fs::perms::group_read | fs::perms::others_read)) != fs::perms::none) {
+    throw std::runtime_error(named + " can be read by other users (mode " + modeText(mode) +
                              "); make it private: chmod 600 " + path);
   }
-  std::string content(kMaxTokenFileBytes, '\0');
-  const ssize_t size = ::read(file.get(), content.data(), content.size());
-  if (size < 0) throw std::runtime_error(named + " cannot be read: " + std::strerror(errno));
-  content.resize(static_cast<std::size_t>(size));
-  std::string token = content.substr(0, content.find_first_of("\r\n"));
-  const std::size_t first = token.find_first_not_of(" \t");
-  token = first == std::string::npos
-              ? std::string()
-              : token.substr(first, token.find_last_not_of(" \t") - first + 1);
+  std::ifstream file(path);
+  std::string line;
+  if (!file) throw std::runtime_error(named + " cannot be read");
+  std::getline(file, line);
+  if (!line.empty() && line.back() == '\r') line.pop_back();
+  const std::string token = KX::trimBlanks(line);
   const std::string problem = KX::tokenProblem(token);
   if (!problem.empty()) throw std::runtime_error(named + ": " + problem);
   return token;

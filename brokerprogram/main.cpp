@@ -5,6 +5,7 @@
 
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -56,21 +57,36 @@ void announceAccess(const std::string& ip, int port) {
   for (const std::string& line : notice.lines) {
     TU_LOG(tu::log::info, "velmo", "main") << line << std::endl;
   }
-  if (!notice.warning.empty())
+  if (!notice.warning.empty()) {
     TU_LOG(tu::log::warning, "velmo", "main") << notice.warning << std::endl;
+  }
+}
+
+// Reads the options with `parse`. Gives the exit status when the program is done already:
+// 2 after a mistake (said, with the usage), 0 after --help.
+template <typename Options>
+std::optional<int> readOptions(const std::string& program,
+                               const std::vector<std::string>& arguments,
+                               Options (*parse)(const std::vector<std::string>&),
+                               std::string (*usage)(const std::string&), Options& options) {
+  try {
+    options = parse(arguments);
+  } catch (const std::invalid_argument& error) {
+    std::cerr << program << ": " << error.what() << "\n" << usage(program);
+    return 2;
+  }
+  if (options.help) {
+    std::cout << usage(program);
+    return 0;
+  }
+  return std::nullopt;
 }
 
 int runBroker(const std::string& program, const std::vector<std::string>& arguments) {
   velmo::BrokerOptions options;
-  try {
-    options = velmo::parseBrokerOptions(arguments);
-  } catch (const std::invalid_argument& error) {
-    std::cerr << program << ": " << error.what() << "\n" << velmo::brokerUsage(program);
-    return 2;
-  }
-  if (options.help) {
-    std::cout << velmo::brokerUsage(program);
-    return 0;
+  if (const std::optional<int> done =
+          readOptions(program, arguments, velmo::parseBrokerOptions, velmo::brokerUsage, options)) {
+    return *done;
   }
 
   if (!applyAccessOptions(program, options)) return 1;
@@ -101,15 +117,9 @@ int runBroker(const std::string& program, const std::vector<std::string>& argume
 
 int runCommand(const std::string& program, const std::vector<std::string>& arguments) {
   velmo::CommandOptions options;
-  try {
-    options = velmo::parseCommandOptions(arguments);
-  } catch (const std::invalid_argument& error) {
-    std::cerr << program << ": " << error.what() << "\n" << velmo::commandUsage(program);
-    return 2;
-  }
-  if (options.help) {
-    std::cout << velmo::commandUsage(program);
-    return 0;
+  if (const std::optional<int> done = readOptions(program, arguments, velmo::parseCommandOptions,
+                                                  velmo::commandUsage, options)) {
+    return *done;
   }
   // Results go to standard output, where the framework's log lines would mix with them:
   // those are only shown when VERBOSE asks for them.

@@ -18,12 +18,6 @@ std::string lowercase(std::string text) {
   return text;
 }
 
-std::string trimmed(const std::string& text) {
-  const std::size_t first = text.find_first_not_of(" \t");
-  if (first == std::string::npos) return std::string();
-  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
-
 bool isAllDigits(const std::string& text) {
   return !text.empty() &&
          std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c); });
@@ -100,24 +94,30 @@ std::string echoed(const std::string& text) {
 
 std::optional<std::string> bearerToken(const std::optional<std::string>& authorization) {
   if (!authorization) return std::nullopt;
-  const std::string value = trimmed(*authorization);
+  const std::string value = trimBlanks(*authorization);
   constexpr std::size_t kSchemeLength = 7;  // "Bearer "
   if (value.size() <= kSchemeLength || lowercase(value.substr(0, kSchemeLength)) != "bearer ") {
     return std::nullopt;
   }
-  return trimmed(value.substr(kSchemeLength));
+  return trimBlanks(value.substr(kSchemeLength));
 }
 
 bool startsWith(const std::string& text, const char* prefix) { return text.rfind(prefix, 0) == 0; }
 
 }  // namespace
 
+std::string trimBlanks(const std::string& text) {
+  const std::size_t first = text.find_first_not_of(" \t");
+  if (first == std::string::npos) return std::string();
+  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
 std::optional<KXHostPort> parseHostHeader(const std::string& text) {
-  return parseAuthority(trimmed(text), 80);
+  return parseAuthority(trimBlanks(text), 80);
 }
 
 std::optional<KXHostPort> parseHttpOrigin(const std::string& text) {
-  const std::string value = trimmed(text);
+  const std::string value = trimBlanks(text);
   constexpr const char* kScheme = "http://";
   if (lowercase(value.substr(0, 7)) != kScheme) return std::nullopt;
   const std::string rest = value.substr(7);
@@ -133,10 +133,10 @@ std::optional<std::string> cookieValue(const std::string& header, const std::str
   while (start <= header.size()) {
     std::size_t end = header.find(';', start);
     if (end == std::string::npos) end = header.size();
-    const std::string pair = trimmed(header.substr(start, end - start));
+    const std::string pair = trimBlanks(header.substr(start, end - start));
     const std::size_t equals = pair.find('=');
-    if (equals != std::string::npos && trimmed(pair.substr(0, equals)) == name) {
-      std::string value = trimmed(pair.substr(equals + 1));
+    if (equals != std::string::npos && trimBlanks(pair.substr(0, equals)) == name) {
+      std::string value = trimBlanks(pair.substr(equals + 1));
       if (value.size() >= 2 && value.front() == '"' && value.back() == '"') {
         value = value.substr(1, value.size() - 2);
       }

@@ -68,6 +68,9 @@ std::optional<KXHostPort> parseHttpOrigin(const std::string& text);
 // The value of cookie `name` in a Cookie header ("a=1; b=2"), empty when absent.
 std::optional<std::string> cookieValue(const std::string& header, const std::string& name);
 
+// `text` without the spaces and tabs around it (header values, list items, file lines).
+std::string trimBlanks(const std::string& text);
+
 // Compares in a time that depends on the lengths only, not on where the texts differ.
 bool constantTimeEquals(const std::string& a, const std::string& b);
 

@@ -50,12 +50,10 @@ void loadEnvironment(KXAccessSettings& settings) {
     while (start <= list.size()) {
       std::size_t end = list.find(',', start);
       if (end == std::string::npos) end = list.size();
-      const std::string name = list.substr(start, end - start);
-      if (name.find_first_not_of(" \t") != std::string::npos) {
-        const std::size_t first = name.find_first_not_of(" \t");
-        const std::size_t last = name.find_last_not_of(" \t");
-        settings.allowedHosts.insert(checkedHostName(
-            name.substr(first, last - first + 1), "VELMO_ALLOWED_HOSTS", "VELMO_ALLOWED_HOSTS: "));
+      const std::string name = trimBlanks(list.substr(start, end - start));
+      if (!name.empty()) {
+        settings.allowedHosts.insert(
+            checkedHostName(name, "VELMO_ALLOWED_HOSTS", "VELMO_ALLOWED_HOSTS: "));
       }
       start = end + 1;
     }

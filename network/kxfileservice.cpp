@@ -420,13 +420,6 @@ struct PageAnswer {
   std::size_t bodyStart = 0;
 };
 
-std::string trimmed(const std::string& text) {
-  const std::size_t first = text.find_first_not_of(" \t");
-  if (first == std::string::npos) return std::string();
-  const std::size_t last = text.find_last_not_of(" \t\r");
-  return text.substr(first, last - first + 1);
-}
-
 bool sameLetters(const std::string& a, const char* b) {
   std::size_t i = 0;
   for (; i < a.size() && b[i] != '\0'; ++i) {
@@ -474,13 +467,13 @@ PageAnswer parsePageAnswer(const std::string& answer) {
           std::isdigit(static_cast<unsigned char>(line[space + 3])) &&
           (line.size() == space + 4 || line[space + 4] == ' ')) {
         page.code = std::stoi(line.substr(space + 1, 3));
-        if (line.size() > space + 4) page.reason = trimmed(line.substr(space + 5));
+        if (line.size() > space + 4) page.reason = trimBlanks(line.substr(space + 5));
       }
       first = false;
     } else {
       const std::size_t colon = line.find(':');
       if (colon != std::string::npos && sameLetters(line.substr(0, colon), "Content-Type")) {
-        page.contentType = trimmed(line.substr(colon + 1));
+        page.contentType = trimBlanks(line.substr(colon + 1));
       }
     }
     lineStart = lineEnd + 1;

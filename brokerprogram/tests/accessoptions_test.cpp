@@ -1,10 +1,9 @@
 #include "brokerprogram/accessoptions.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -12,25 +11,21 @@
 namespace velmo {
 namespace {
 
-// A file in a fresh folder of its own, removed with it.
+// A file of its own name in the test's temporary folder, removed with it.
 class TokenFile {
  public:
-  TokenFile(const std::string& content, mode_t mode) {
-    char folder[] = "/tmp/velmo-token-XXXXXX";
-    folder_ = mkdtemp(folder) != nullptr ? folder : "";
-    path_ = folder_ + "/token";
+  TokenFile(const std::string& content, unsigned mode)
+      : path_(::testing::TempDir() + "velmo-token-" + std::to_string(getpid()) + "-" +
+              std::to_string(++count_)) {
     std::ofstream(path_) << content;
-    chmod(path_.c_str(), mode);
+    std::filesystem::permissions(path_, static_cast<std::filesystem::perms>(mode));
   }
-  ~TokenFile() {
-    unlink(path_.c_str());
-    rmdir(folder_.c_str());
-  }
+  ~TokenFile() { std::filesystem::remove(path_); }
   const std::string& path() const { return path_; }
 
  private:
-  std::string folder_;
-  std::string path_;
+  static inline int count_ = 0;
+  const std::string path_;
 };
 
 std::string refusal(const std::string& path) {
