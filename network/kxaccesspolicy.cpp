@@ -202,7 +202,10 @@ KXAccessDecision KXAccessPolicy::decide(KXHttpMethod method, const std::string& 
                                         const KXRequestHeaders& headers) const {
   using Kind = KXAccessDecision::Kind;
   std::string reason;
-  if (!allowsHost(headers, reason)) return {Kind::forbidden, reason};
+  // Read once: the host rule and the origin rule both compare with it.
+  const std::optional<KXHostPort> host =
+      headers.host ? parseHostHeader(*headers.host) : std::nullopt;
+  if (!allowsHost(headers, host, reason)) return {Kind::forbidden, reason};
   if (requiresToken() && method == KXHttpMethod::get && startsWith(path, kTokenQuery)) {
     // Tokens hold no character that a link would have to escape.
     const std::string given = path.substr(std::string(kTokenQuery).size());
@@ -221,7 +224,7 @@ KXAccessDecision KXAccessPolicy::decide(KXHttpMethod method, const std::string& 
         return {Kind::unauthorized, "Unauthorized: the token sent is not this broker's."};
     }
   }
-  if (changesState(method, path) && comesFromElsewhere(headers, reason)) {
+  if (changesState(method, path) && comesFromElsewhere(headers, host, reason)) {
     const bool navigating =
         method == KXHttpMethod::get && headers.secFetchMode && *headers.secFetchMode == "navigate";
     return {navigating ? Kind::confirmCall : Kind::forbidden, reason};
@@ -229,10 +232,10 @@ KXAccessDecision KXAccessPolicy::decide(KXHttpMethod method, const std::string& 
   return {Kind::allow, std::string()};
 }
 
-bool KXAccessPolicy::allowsHost(const KXRequestHeaders& headers, std::string& reason) const {
+bool KXAccessPolicy::allowsHost(const KXRequestHeaders& headers,
+                                const std::optional<KXHostPort>& host, std::string& reason) const {
   // Tools of HTTP/1.0 may send none; a browser always does.
   if (!headers.host) return true;
-  const std::optional<KXHostPort> host = parseHostHeader(*headers.host);
   if (!host) {
     reason = "Forbidden: the Host header \"" + echoed(*headers.host) + "\" names no host.";
     return false;
@@ -252,11 +255,10 @@ KXAccessPolicy::TokenCheck KXAccessPolicy::checkToken(const KXRequestHeaders& he
 }
 
 bool KXAccessPolicy::comesFromElsewhere(const KXRequestHeaders& headers,
+                                        const std::optional<KXHostPort>& own,
                                         std::string& reason) const {
   const std::string refusal =
       "Forbidden: a request from another site may not change this broker's state (";
-  const std::optional<KXHostPort> own =
-      headers.host ? parseHostHeader(*headers.host) : std::nullopt;
   const auto foreign = [&own](const std::string& value) {
     const std::optional<KXHostPort> origin = parseHttpOrigin(value);
     return !origin || !own || !sameOrigin(*origin, *own);

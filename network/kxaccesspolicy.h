@@ -101,11 +101,14 @@ class KXAccessPolicy {
   static constexpr const char* kTokenQuery = "/?token=";
 
  private:
-  bool allowsHost(const KXRequestHeaders& headers, std::string& reason) const;
+  // host: the Host header as read (empty when absent or unreadable).
+  bool allowsHost(const KXRequestHeaders& headers, const std::optional<KXHostPort>& host,
+                  std::string& reason) const;
   enum class TokenCheck { missing, wrong, right };
   // The bearer token, else the cookie.
   TokenCheck checkToken(const KXRequestHeaders& headers) const;
-  bool comesFromElsewhere(const KXRequestHeaders& headers, std::string& reason) const;
+  bool comesFromElsewhere(const KXRequestHeaders& headers, const std::optional<KXHostPort>& own,
+                          std::string& reason) const;
 
   std::set<std::string> hostNames_;
   std::string token_;
