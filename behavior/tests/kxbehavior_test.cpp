@@ -86,27 +86,6 @@ TEST_F(BoxTest, ParametersComeFromTheBoxOrItsParent) {
   EXPECT_EQ(child->getParameter("speed"), KXValue(3));
 }
 
-TEST_F(BoxTest, TheMethodsArePublishedInOrderWithTheirDescriptions) {
-  auto box = createModule<KXBehavior>(broker_, "Box");
-  const std::vector<std::pair<std::string, bool>> isDeprecated = {
-      {"getInputNames", false},     {"getOutputNames", false},  {"getParameter", false},
-      {"getParametersList", false}, {"setParameter", false},    {"releaseResource", true},
-      {"waitResources", true},      {"waitResourceFree", true}, {"setResources", true},
-      {"setEnabled", true},         {"isEnabled", true},        {"addParameter", true},
-      {"setParameters", true},      {"addOutputLink", true},    {"removeOutputLink", true},
-      {"setParentFromName", true},  {"dataChanged", true},      {"_dataChanged", false},
-      {"_isEnabled", false}};
-  std::vector<std::string> visible;
-  for (const auto& entry : isDeprecated) {
-    const KXValue help = box->getMethodHelp(entry.first);
-    EXPECT_EQ(help[1] == KXValue("DEPRECATED since 1.14"), entry.second) << entry.first;
-    if (entry.first[0] != '_') visible.push_back(entry.first);
-  }
-  const std::vector<std::string> published = box->getMethodList();
-  ASSERT_GE(published.size(), visible.size());
-  EXPECT_EQ(std::vector<std::string>(published.end() - visible.size(), published.end()), visible);
-}
-
 using tu::log::testing::LogCapture;
 
 struct Scene {

@@ -62,39 +62,13 @@ TEST(AccessHeaderTest, OriginsAreHttpSchemeHostAndPort) {
   }
 }
 
-TEST(AccessHeaderTest, CookiesAreFoundByExactNameAmongOthers) {
-  const std::string header = "a=1; velmo-token-9559x=no;velmo-token-9559 = \"t0k\" ; b=2";
-  EXPECT_EQ(cookieValue(header, "velmo-token-9559"), std::optional<std::string>("t0k"));
-  EXPECT_EQ(cookieValue(header, "b"), std::optional<std::string>("2"));
-  EXPECT_EQ(cookieValue(header, "velmo-token"), std::nullopt);
-  EXPECT_EQ(cookieValue("", "a"), std::nullopt);
-}
-
-TEST(AccessHeaderTest, TokensCompareWholeAndAreCheckedForWhatTheyMayHold) {
-  EXPECT_TRUE(constantTimeEquals("s3cret", "s3cret"));
-  EXPECT_FALSE(constantTimeEquals("s3cret", "s3cre"));
-  EXPECT_FALSE(constantTimeEquals("s3cret", "s3cretX"));
-  EXPECT_FALSE(constantTimeEquals("s3cret", "S3cret"));
-  EXPECT_FALSE(constantTimeEquals("", "x"));
+TEST(AccessHeaderTest, TokensAreCheckedForWhatTheyMayHold) {
   EXPECT_EQ(tokenProblem("abc-DEF_0.9~+/="), "");
   EXPECT_EQ(tokenProblem(""), "the token is empty");
   EXPECT_EQ(tokenProblem("a b"), "the token may hold only letters, digits and \"-._~+/=\"");
   EXPECT_EQ(tokenProblem("a;b"), "the token may hold only letters, digits and \"-._~+/=\"");
   EXPECT_EQ(tokenProblem(std::string(256, 'a')), "");
   EXPECT_EQ(tokenProblem(std::string(257, 'a')), "the token is longer than 256 characters");
-}
-
-TEST(AccessHeaderTest, UrlCallsAndWritesChangeStateAndReadingDoesNot) {
-  EXPECT_TRUE(changesState(KXHttpMethod::get, "/?evalKXMemory.getData([\"a\"])"));
-  EXPECT_TRUE(changesState(KXHttpMethod::get, "/?eval=KXMemory.getData([\"a\"])"));
-  EXPECT_TRUE(changesState(KXHttpMethod::head, "/?jsonKXMemory.getData([\"a\"])"));
-  EXPECT_TRUE(changesState(KXHttpMethod::post, "/"));
-  EXPECT_TRUE(changesState(KXHttpMethod::put, "/tmp/a"));
-  EXPECT_TRUE(changesState(KXHttpMethod::del, "/tmp/a"));
-  EXPECT_TRUE(changesState(KXHttpMethod::other, "/"));
-  EXPECT_FALSE(changesState(KXHttpMethod::get, "/index.xml"));
-  EXPECT_FALSE(changesState(KXHttpMethod::get, "/User/a.txt?eval"));
-  EXPECT_FALSE(changesState(KXHttpMethod::options, "/?evalX.y([])"));
 }
 
 // One request and what the policy makes of it.
@@ -154,8 +128,10 @@ TEST(AccessPolicyTest, WithoutATokenHostsAndOriginsDecide) {
            Kind::forbidden,
            "Forbidden: the host name \"evil.example\" is not this broker's (allow it with velmo "
            "--allow-host evil.example or VELMO_ALLOWED_HOSTS)."},
-          {"an unreadable host", KXHttpMethod::get, "/", hostOnly("a\x01" "b"), Kind::forbidden,
-           "Forbidden: the Host header \"a?b\" names no host."},
+          {"an unreadable host", KXHttpMethod::get, "/",
+           hostOnly("a\x01"
+                    "b"),
+           Kind::forbidden, "Forbidden: the Host header \"a?b\" names no host."},
           {"the broker's own page", KXHttpMethod::get, kCall,
            browser("127.0.0.1:9559", "http://127.0.0.1:9559", "same-origin"), Kind::allow, ""},
           {"a typed address", KXHttpMethod::get, kCall,

@@ -16,7 +16,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -26,7 +25,6 @@
 
 #include "log/log.h"
 #include "log/sdklayout.h"
-#include "network/kxaccesspolicy.h"
 #include "network/kxbrokerserve.h"
 #include "network/kxsoapcontext.h"
 #include "network/tests/socket_test_support.h"
@@ -192,8 +190,6 @@ class FileServer {
 
   int port() const { return port_; }
   int accepted() const { return accepted_; }
-  // Broker protocol requests that reached the handler.
-  int handled() const { return *handled_; }
 
  private:
   void run() {
@@ -213,11 +209,9 @@ class FileServer {
       auto connection = std::make_shared<KXSoapContext>(KXSoapContext::copyOf(server_));
       server_->socket = SOAP_INVALID_SOCKET;  // the copy owns it now
       std::lock_guard<std::mutex> lock(mutex_);
-      connections_.emplace_back([connection, handled = handled_] {
-        serveBrokerConnection(connection->get(), [handled](BrokerRequest&, const BrokerPeer&) {
-          ++*handled;
-          return BrokerResponse{};
-        });
+      connections_.emplace_back([connection] {
+        serveBrokerConnection(connection->get(),
+                              [](BrokerRequest&, const BrokerPeer&) { return BrokerResponse{}; });
       });
     }
   }
@@ -233,7 +227,6 @@ class FileServer {
   int port_ = 0;
   std::atomic<bool> stop_{false};
   std::atomic<int> accepted_{0};
-  std::shared_ptr<std::atomic<int>> handled_ = std::make_shared<std::atomic<int>>(0);
   std::thread acceptor_;
   std::mutex mutex_;
   std::vector<std::thread> connections_;
@@ -405,7 +398,7 @@ class KXFileServiceTest : public ::testing::Test {
         {"System", system_},
         {"share", system_},
     };
-    service_ = std::make_unique<KXFileService>(std::move(roots), pages_.renderer(), access_);
+    service_ = std::make_unique<KXFileService>(std::move(roots), pages_.renderer());
     server_ = std::make_unique<FileServer>(*service_);
     ASSERT_NE(server_->port(), 0);
   }
@@ -453,7 +446,6 @@ class KXFileServiceTest : public ::testing::Test {
   fs::path outside_;
   FakePages pages_;
   LogCapture logs_;
-  std::shared_ptr<const KXAccessPolicy> access_;  // none: every request is let in
   std::unique_ptr<KXFileService> service_;
   std::unique_ptr<FileServer> server_;
 };
@@ -1035,59 +1027,6 @@ TEST(KXFileServiceRootsTest, UserDataFolderComesFromAppDataThenXdgThenHome) {
 
   setenv("XDG_DATA_HOME", "", 1);
   EXPECT_EQ(KXFileService::defaultRoots(), userRootsBelow("/home/someone/.local/share"));
-}
-
-}  // namespace
-}  // namespace KX
-
-namespace KX {
-namespace {
-
-// ---- The access policy in front of the port
-
-class GuardedFileServiceTest : public KXFileServiceTest {
- protected:
-  GuardedFileServiceTest() {
-    access_ = std::make_shared<const KXAccessPolicy>(std::set<std::string>(), "t0k", 9559);
-  }
-
-  static constexpr const char* kToken = "Authorization: Bearer t0k\r\n";
-};
-
-TEST_F(GuardedFileServiceTest, RefusalsAreAnsweredBeforeAnythingIsReadOrServed) {
-  const std::string envelope = "<Envelope><Body><getBrokerName/></Body></Envelope>";
-  const auto with = [this](const std::string& method, const std::string& path,
-                           const std::string& headers, const std::string& body = "") {
-    return method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port()) + "\r\n" +
-           headers + "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-  };
-  const std::string foreign = "Origin: http://127.0.0.1:1\r\n";
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {with("PUT", "/tmp/evil.txt", kToken + foreign, "evil"), "403 Forbidden"},
-      {with("POST", "/", kToken + foreign, envelope), "403 Forbidden"},
-      {with("GET", "/?evalKXMemory.insertData([\"k\",1])",
-            kToken + std::string("Sec-Fetch-Site: cross-site\r\n")),
-       "403 Forbidden"},
-      {with("POST", "/", "", envelope), "401 Unauthorized"},
-      {"GET /User/notes.txt HTTP/1.1\r\nHost: evil.example\r\n" + std::string(kToken) + "\r\n",
-       "403 Forbidden"},
-  };
-  for (const auto& [request, status] : cases) {
-    RawClient client(port());
-    ASSERT_TRUE(client.sendAll(request));
-    const std::optional<Response> response = client.read();
-    ASSERT_TRUE(response.has_value()) << request;
-    EXPECT_EQ(response->header.rfind("HTTP/1.1 " + status + "\r\n", 0), 0u) << response->header;
-    EXPECT_NE(response->header.find("Connection: close\r\n"), std::string::npos);
-    EXPECT_EQ(response->header.find("Access-Control"), std::string::npos);
-    // One line: the reason.
-    EXPECT_EQ(response->body.find('\n'), response->body.size() - 1) << response->body;
-    EXPECT_EQ(client.readUntilClose(), std::optional<std::string>("")) << request;
-  }
-  EXPECT_EQ(server_->handled(), 0);
-  EXPECT_TRUE(pages_.calls().empty());
-  EXPECT_FALSE(fs::exists(user_ / "tmp" / "evil.txt"));
-  EXPECT_EQ(readFile(user_ / "notes.txt"), "hello notes");
 }
 
 }  // namespace
