@@ -9,7 +9,7 @@ packages=(
   gsoap libgsoap-dev swig libtinyxml2-dev
   python3 python3-dev python3-pytest
   libgtest-dev libgmock-dev libbenchmark-dev
-  binutils xsltproc
+  binutils xsltproc gcovr
   chromium chromium-driver python3-selenium
 )
 
