@@ -1,7 +1,9 @@
 #ifndef VELMO_MODULE_TESTS_PROXY_TEST_SUPPORT_H_
 #define VELMO_MODULE_TESTS_PROXY_TEST_SUPPORT_H_
 
-// A module and a broker fixture shared by the proxy, parallel-call and concurrency tests.
+// The module tests' kit (also used by the network and python tests): error texts, argument
+// Arrays, a module with typed methods of every kind and methods that block, fail or run
+// until asked to stop, and a broker per test.
 
 #include <gtest/gtest.h>
 
@@ -13,6 +15,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "broker/kxbroker.h"
@@ -26,12 +29,11 @@
 namespace KX {
 namespace testing {
 
-// The text a KXError carries.
+// The text a KXError(module, method, description) carries.
 inline std::string errorText(const std::string& module, const std::string& method,
                              const std::string& description) {
   return "\t" + module + "::" + method + "\n\t" + description;
 }
-
 using testing_util::errorText;
 // Runs `body` and returns the text of the KXError it throws.
 inline std::string errorOf(const std::function<void()>& body) { return errorText(body); }
@@ -54,67 +56,44 @@ inline bool eventually(const std::function<bool()>& condition) {
   return true;
 }
 
-// A module with typed methods of every kind, and methods that block, fail or run until
-// asked to stop, for the parallel calls.
+// The type and text of a value and of each element: "Int:3", "[Float:1.5 Float:2]".
+inline std::string shape(const KXValue& value) {
+  if (value.getType() != KXValue::TypeArray) {
+    return KXValue::TypeToString(value.getType()) + ":" + value.toString();
+  }
+  std::string text = "[";
+  for (int i = 0; i < value.getSize(); ++i) text += (i > 0 ? " " : "") + shape(value[i]);
+  return text + "]";
+}
+
+constexpr char kExitingWarning[] =
+    "WARNING: Attempt to run a new task while shutting down. Task will not be executed.\n";
+// What "stop" says of an id that is not running.
+inline const std::string kStopText = errorText(
+    "KXTaskMonitor", "stop",
+    "The method 'stop' has not been implement in your module. Module authors are encouraged to "
+    "implement this method if they wish to allow long running methods to be stopped. Please see "
+    "the documentation for further details.");
+
 class Calculator : public KXModule {
  public:
   Calculator(const std::shared_ptr<KXBroker>& broker, const std::string& name)
       : KXModule(broker, name) {
     setModuleDescription("Arithmetic for the proxy tests");
-
-    functionName("add", "Calculator", "Adds two integers");
-    addParam("a", "first term");
-    addParam("b", "second term");
-    setReturn("sum", "a + b");
-    bindMethod(&Calculator::add);
-
-    functionName("half", "Calculator", "Halves a number");
-    addParam("x", "the number");
-    setReturn("half", "x / 2");
-    bindMethod(&Calculator::half);
-
-    functionName("twice", "Calculator", "Doubles an integer");
-    addParam("x", "the integer");
-    setReturn("twice", "2 x");
-    bindMethod(&Calculator::twice);
-
-    functionName("greet", "Calculator", "Greets someone");
-    addParam("who", "a name");
-    setReturn("greeting", "Hello <who>");
-    bindMethod(&Calculator::greet);
-
-    functionName("keepValue", "Calculator", "Keeps where its argument lives");
-    addParam("value", "any value");
-    bindMethod(&Calculator::keepValue);
-
-    functionName("countWords", "Calculator", "Counts words, keeping where they live");
-    addParam("words", "the words");
-    setReturn("count", "how many");
-    bindMethod(&Calculator::countWords);
-
-    functionName("scale", "Calculator", "Multiplies by ten, keeping where x lives");
-    addParam("x", "the number");
-    setReturn("scaled", "10 x");
-    bindMethod(&Calculator::scale);
-
-    functionName("echo", "Calculator", "Returns its argument");
-    addParam("value", "any value");
-    setReturn("value", "the same value");
-    bindMethod(&Calculator::echo);
-
-    functionName("fail", "Calculator", "Always fails");
-    bindMethod(&Calculator::fail);
-
-    functionName("hold", "Calculator", "Blocks until released");
-    bindMethod(&Calculator::hold);
-
-    functionName("pause", "Calculator", "Sleeps for ms milliseconds");
-    addParam("ms", "milliseconds");
-    bindMethod(&Calculator::pause);
-
-    functionName("runUntilStopped", "Calculator", "Runs until its task is asked to stop");
-    setReturn("stopped", "true when asked to stop");
-    bindMethod(&Calculator::runUntilStopped);
+    publish("add", &Calculator::add, "Adds two integers", {"a", "first term", "b", "second term"},
+            {"sum", "a + b"});
+    publish("half", &Calculator::half);
+    publish("twice", &Calculator::twice);
+    publish("greet", &Calculator::greet);
+    publish("keepValue", &Calculator::keepValue, "Keeps where its argument lives",
+            {"value", "any value"});
+    publish("countWords", &Calculator::countWords);
+    publish("scale", &Calculator::scale);
+    publish("echo", &Calculator::echo);
+    publish("fail", &Calculator::fail);
+    publish("hold", &Calculator::hold);
+    publish("pause", &Calculator::pause);
+    publish("runUntilStopped", &Calculator::runUntilStopped);
   }
 
   int add(const int& a, const int& b) {
@@ -136,32 +115,19 @@ class Calculator : public KXModule {
   }
   KXValue echo(const KXValue& value) { return value; }
   void fail() { KX_THROW("Calculator", "fail", "deliberate failure"); }
-
   void hold() {
-    {
-      std::lock_guard<std::mutex> guard(mutex_);
-      ++holdsStarted_;
-    }
-    changed_.notify_all();
+    report([this] { ++holdsStarted_; });
     release.wait();
+    ++holdsEnded;
   }
   void pause(const int& ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-
-  // Finds its own task id, reports it, then polls the stop request (bounded: it gives up
-  // after kPatience).
+  // Reports its own task id, then polls the stop request (gives up after kPatience).
   bool runUntilStopped() {
     const int id = getTaskIdForCurrentThread();
-    {
-      std::lock_guard<std::mutex> guard(mutex_);
-      ownTaskId_ = id;
-    }
-    changed_.notify_all();
+    report([&] { ownTaskId_ = id; });
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (std::chrono::steady_clock::now() < deadline) {
-      if (id != -1 && isStopRequested(id)) {
-        stoppedOnRequest = true;
-        return true;
-      }
+      if (id != -1 && isStopRequested(id)) return stoppedOnRequest = true;
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return false;
@@ -172,18 +138,15 @@ class Calculator : public KXModule {
     std::unique_lock<std::mutex> guard(mutex_);
     return changed_.wait_for(guard, kPatience, [&] { return holdsStarted_ >= count; });
   }
-  // Waits until runUntilStopped has reported its task id; returns it (or -2 on timeout).
+  // The id runUntilStopped reported (-2 when it did not in time).
   int waitForOwnTaskId() {
     std::unique_lock<std::mutex> guard(mutex_);
-    if (!changed_.wait_for(guard, kPatience, [&] { return ownTaskId_ != -2; })) return -2;
+    changed_.wait_for(guard, kPatience, [&] { return ownTaskId_ != -2; });
     return ownTaskId_;
-  }
-  int holdsStarted() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return holdsStarted_;
   }
 
   std::atomic<int> addCalls{0};
+  std::atomic<int> holdsEnded{0};
   const KXValue* valueSeen = nullptr;
   const std::vector<std::string>* wordsSeen = nullptr;
   const float* floatSeen = nullptr;
@@ -191,6 +154,26 @@ class Calculator : public KXModule {
   Latch release{1};
 
  private:
+  // `parameters`: name, description, name, description, ...
+  template <typename Method>
+  void publish(const std::string& name, Method method, const std::string& description = "",
+               const std::vector<std::string>& parameters = {},
+               const std::pair<std::string, std::string>& result = {}) {
+    functionName(name, "Calculator", description);
+    for (std::size_t i = 0; i + 1 < parameters.size(); i += 2) {
+      addParam(parameters[i], parameters[i + 1]);
+    }
+    setReturn(result.first, result.second);
+    bindMethod(method);
+  }
+  void report(const std::function<void()>& change) {
+    {
+      std::lock_guard<std::mutex> guard(mutex_);
+      change();
+    }
+    changed_.notify_all();
+  }
+
   std::mutex mutex_;
   std::condition_variable changed_;
   int holdsStarted_ = 0;
@@ -206,22 +189,62 @@ class GenericCalculator : public Calculator {
   }
 };
 
+// One entry answering two forms: bound as `name`(string, int) with the int optional, its
+// typed face is the one-argument form. Each way in says which it was: "typed ann",
+// "generic ann, 2 arguments".
+class TwoFormFunctor final : public detail::KXTypedFunctor<std::string, std::string> {
+ public:
+  static std::shared_ptr<TwoFormFunctor> bind(KXModuleCore& module, const std::string& name) {
+    auto functor = std::make_shared<TwoFormFunctor>();
+    module.functionName(name, "Calculator", "Answers one or two arguments");
+    module.addParam("name", "who");
+    module.addParam("times", "how often", true);
+    module.bindMethod(functor, {"string", "int"}, "string");
+    return functor;
+  }
+  void call(const KXValue& params, KXValue& result) override {
+    ++genericCalls;
+    result = "generic " + static_cast<const std::string&>(params[0]) + ", " +
+             std::to_string(params.getSize()) + " arguments";
+  }
+  std::string invoke(const std::string& name) override {
+    ++typedCalls;
+    return "typed " + name;
+  }
+  std::atomic<int> typedCalls{0};
+  std::atomic<int> genericCalls{0};
+};
+
 // A fresh broker per test (no network, no "Exit" line), shut down at the end.
 class BrokerTest : public ::testing::Test {
  protected:
-  void SetUp() override { broker_ = makeBroker(KXBroker::kKeepAlive); }
-
+  void SetUp() override {
+    static std::atomic<int> counter{0};
+    broker_ = KXBroker::createBroker("proxyTestBroker" + std::to_string(++counter), "127.0.0.1", 0,
+                                     "", 0, KXBroker::kKeepAlive, "", false);
+  }
   void TearDown() override {
     if (broker_) broker_->shutdown();
   }
 
-  static std::shared_ptr<KXBroker> makeBroker(int flags) {
-    static std::atomic<int> counter{0};
-    const std::string name = "proxyTestBroker" + std::to_string(++counter);
-    return KXBroker::createBroker(name, "127.0.0.1", 0, "", 0, flags, "", false);
+  std::shared_ptr<KXBroker> broker_;
+};
+
+// A broker with a Calculator "Calc" and a proxy to it.
+class CalcTest : public BrokerTest {
+ protected:
+  void SetUp() override {
+    BrokerTest::SetUp();
+    module_ = createModule<Calculator>(broker_, "Calc");
+    proxy_ = std::make_shared<KXProxy>(broker_, "Calc");
+  }
+  void TearDown() override {
+    if (module_) module_->release.countDown();
+    BrokerTest::TearDown();
   }
 
-  std::shared_ptr<KXBroker> broker_;
+  std::shared_ptr<Calculator> module_;
+  std::shared_ptr<KXProxy> proxy_;
 };
 
 }  // namespace testing
