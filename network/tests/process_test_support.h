@@ -1,8 +1,8 @@
 #ifndef VELMO_NETWORK_TESTS_PROCESS_TEST_SUPPORT_H_
 #define VELMO_NETWORK_TESTS_PROCESS_TEST_SUPPORT_H_
 
-// Child processes for the multi-process tests: started with their output in a file that
-// the test reads, and killed when the test ends, whatever happened.
+// Child processes for the multi-process tests: started with their output in a file that the
+// test reads, and killed when the test ends, whatever happened.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -40,8 +40,7 @@ class ChildProcess {
       std::vector<char*> argv;
       for (auto& argument : arguments) argv.push_back(argument.data());
       argv.push_back(nullptr);
-      // Plain lines whatever the terminal: the tests read them.
-      setenv("CLICOLOR", "0", 1);
+      setenv("CLICOLOR", "0", 1);  // plain lines whatever the terminal: the tests read them
       execv(argv[0], argv.data());
       _exit(127);
     }
@@ -49,7 +48,7 @@ class ChildProcess {
   }
 
   ~ChildProcess() {
-    if (running()) {
+    if (pid_ > 0 && !exited_) {
       kill(pid_, SIGKILL);
       waitpid(pid_, nullptr, 0);
     }
@@ -59,12 +58,9 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  pid_t pid() const { return pid_; }
-
   std::string output() const {
-    std::ifstream in(outputPath_);
     std::ostringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(outputPath_).rdbuf();
     return text.str();
   }
 
@@ -79,12 +75,15 @@ class ChildProcess {
     return true;
   }
 
-  // The text of the output between `before` and the end of that line, once it shows.
-  std::optional<std::string> valueAfter(const std::string& before) const {
-    if (!waitFor(before)) return std::nullopt;
+  // The number that follows `before` in the output once it shows; 0 (and a test failure)
+  // when it does not.
+  int numberAfter(const std::string& before) const {
+    if (!waitFor(before)) {
+      ADD_FAILURE() << "no '" << before << "' in:\n" << output();
+      return 0;
+    }
     const std::string text = output();
-    const std::size_t start = text.find(before) + before.size();
-    return text.substr(start, text.find('\n', start) - start);
+    return std::atoi(text.c_str() + text.find(before) + before.size());
   }
 
   void signal(int number) const { kill(pid_, number); }
@@ -95,18 +94,14 @@ class ChildProcess {
     const auto deadline = std::chrono::steady_clock::now() + patience;
     while (std::chrono::steady_clock::now() < deadline) {
       int status = 0;
-      const pid_t done = waitpid(pid_, &status, WNOHANG);
-      if (done == pid_) {
+      if (waitpid(pid_, &status, WNOHANG) == pid_) {
         exited_ = true;
-        if (WIFEXITED(status)) return WEXITSTATUS(status);
-        return std::nullopt;
+        return WIFEXITED(status) ? std::optional<int>(WEXITSTATUS(status)) : std::nullopt;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return std::nullopt;
   }
-
-  bool running() const { return pid_ > 0 && !exited_; }
 
  private:
   pid_t pid_ = -1;
@@ -114,23 +109,9 @@ class ChildProcess {
   std::string outputPath_;
 };
 
-// The root broker program on a free port from 54010; its port once it listens.
+// The port of the broker program once it listens.
 inline int startRoot(ChildProcess& root) {
-  const std::optional<std::string> address = root.valueAfter("Velmo is listening on 127.0.0.1:");
-  if (!address) {
-    ADD_FAILURE() << "the root broker did not start:\n" << root.output();
-    return 0;
-  }
-  return std::stoi(*address);
-}
-
-inline int readyPort(ChildProcess& node) {
-  const std::optional<std::string> port = node.valueAfter("READY ");
-  if (!port) {
-    ADD_FAILURE() << "the node did not start:\n" << node.output();
-    return 0;
-  }
-  return std::stoi(*port);
+  return root.numberAfter("Velmo is listening on 127.0.0.1:");
 }
 
 }  // namespace testing

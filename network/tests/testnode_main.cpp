@@ -1,6 +1,6 @@
 // A broker of its own process for the multi-process tests: a child of the broker on
-// 127.0.0.1:<parent port> hosting a test module. Prints "READY <port>" once it serves,
-// then runs until SIGTERM or SIGINT.
+// 127.0.0.1:<parent port> hosting a test module. Prints "READY <port>" once it serves, then
+// runs until SIGTERM or SIGINT.
 //   velmo_testnode <broker name> <parent port> <module name>
 #include <pthread.h>
 #include <signal.h>
@@ -23,7 +23,6 @@ int main(int argc, char** argv) {
   sigaddset(&stopSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   signal(SIGPIPE, SIG_IGN);
-
   std::shared_ptr<KX::KXBroker> broker;
   try {
     broker =
