@@ -13,35 +13,32 @@ namespace {
 
 using testing::takeError;
 
-TEST(SetPythonError, RaisesRuntimeErrorWithTheErrorText) {
-  setPythonError(KXError("proxy", "pythonCall", "method not found", __FILE__, __LINE__));
-  ASSERT_NE(PyErr_Occurred(), nullptr);
-  auto [type, text] = takeError();
-  EXPECT_EQ(type.get(), PyExc_RuntimeError);
-  EXPECT_EQ(text, "\tproxy::pythonCall\n\tmethod not found");
-  EXPECT_EQ(PyErr_Occurred(), nullptr);
+TEST(PythonErrors, AFrameworkErrorIsARuntimeErrorWithEveryByteOfItsText) {
+  const struct {
+    KXError error;
+    std::string text;
+  } cases[] = {
+      {KXError("proxy", "pythonCall", "not found", __FILE__, __LINE__),
+       "\tproxy::pythonCall\n\tnot found"},
+      {KXError("", "", "x", __FILE__, __LINE__), "\n\tx"},
+      {KXError("M", "", "x", __FILE__, __LINE__), "\tM\n\tx"},
+      {KXError("M", "f", "bad \xff byte \xc3\xa9", __FILE__, __LINE__),
+       "\tM::f\n\tbad \xff byte \xc3\xa9"},  // not UTF-8: escaped, not lost
+  };
+  for (const auto& c : cases) {
+    setPythonError(c.error);
+    auto [type, text] = takeError();
+    EXPECT_EQ(type.get(), PyExc_RuntimeError) << c.text;
+    EXPECT_EQ(text, c.text);
+  }
 }
 
-TEST(SetPythonError, KeepsPartialFirstLines) {
-  setPythonError(KXError("", "", "x", __FILE__, __LINE__));
-  EXPECT_EQ(takeError().second, "\n\tx");
-  setPythonError(KXError("M", "", "x", __FILE__, __LINE__));
-  EXPECT_EQ(takeError().second, "\tM\n\tx");
-}
-
-TEST(SetPythonError, NetworkErrorIsARuntimeErrorToo) {
-  setPythonError(
-      KXNetworkError("KXNetwork", "callMethod", "connection not initialized", __FILE__, __LINE__));
+TEST(PythonErrors, AnOverloadErrorReplacesThePendingTypeError) {
+  PyErr_SetString(PyExc_TypeError, "too many arguments");
+  setOverloadError("Wrong number or type of arguments for overloaded function 'f'.");
   auto [type, text] = takeError();
-  EXPECT_EQ(type.get(), PyExc_RuntimeError);
-  EXPECT_EQ(text, "\tKXNetwork::callMethod\n\tconnection not initialized");
-}
-
-TEST(SetPythonError, KeepsBytesThatAreNotUtf8) {
-  setPythonError(KXError("M", "f", "bad \xff byte \xc3\xa9", __FILE__, __LINE__));
-  auto [type, text] = takeError();
-  EXPECT_EQ(type.get(), PyExc_RuntimeError);
-  EXPECT_EQ(text, "\tM::f\n\tbad \xff byte \xc3\xa9");
+  EXPECT_EQ(type.get(), PyExc_NotImplementedError);
+  EXPECT_EQ(text, "Wrong number or type of arguments for overloaded function 'f'.");
 }
 
 }  // namespace

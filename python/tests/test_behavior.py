@@ -1,10 +1,9 @@
-"""Behaviour boxes written in Python: loaded and linked by the behaviour host, driving
-their timeline, and chained with native boxes across processes."""
+"""Behaviour boxes written in Python: their parameters, their timeline while the host drops
+it, and values passed along boxes of two processes."""
 import os
 import subprocess
 import threading
-
-import pytest
+import time
 
 import ivelmo
 from conftest import BIN_DIR, PATIENCE_S, wait_until
@@ -26,19 +25,30 @@ class SourceBox(ivelmo.behavior):
 
 def test_a_timeline_driven_from_python_while_the_host_drops_it(root_broker):
     box = SourceBox("Timed")
+    box.setParameter("speed", [2.5, "fast"])
+    assert (box.getParameter("speed"), box.getParametersList()) == ([2.5, "fast"], ["speed"])
     manager = ivelmo.proxy("KXBehaviorManager")
     manager.pythonCall(["setTimeline", "Timed", 100, 25])
     manager.pythonCall(["addTimelineLabel", "Timed", "start", 5])
     timeline = box.getTimeline()
-    assert (box.hasTimeline(), timeline.getSize(), timeline.getFPS()) == (True, 100, 25)
+    assert (box.hasTimeline(), box.hasParentTimeline()) == (True, False)
+    assert (timeline.getSize(), timeline.getFPS()) == (100, 25)
+    def frame():
+        return manager.pythonCall(["getTimelineFrame", "Timed"])
+
     timeline.goTo(12)
-    assert manager.pythonCall(["getTimelineFrame", "Timed"]) == 12
+    assert frame() == 12
     timeline.goTo("start")
-    assert manager.pythonCall(["getTimelineFrame", "Timed"]) == 5
+    assert frame() == 5
     timeline.setFPS(50)
-    assert timeline.getFPS() == 50
-    with pytest.raises(NotImplementedError, match="overloaded function 'timeline_goTo'"):
-        timeline.goTo(1.5)
+    timeline.stop()
+    assert (timeline.getFPS(), frame()) == (50, 1)
+    timeline.play()
+    wait_until(lambda: frame() > 1, "the timeline to play")
+    timeline.pause()
+    paused = frame()
+    time.sleep(0.1)  # 5 frames at 50 fps, had it gone on playing
+    assert frame() == paused
 
     sizes, removed = [], threading.Event()
 
@@ -58,13 +68,13 @@ def test_a_timeline_driven_from_python_while_the_host_drops_it(root_broker):
     driver.join(PATIENCE_S)
     assert not driver.is_alive()
     assert set(sizes) <= {100, 0} and sizes[-50:] == [0] * 50
-    assert not box.hasTimeline()
-    assert (timeline.play(), timeline.getSize(), timeline.getFPS()) == (None, 0, 0)
+    assert (box.hasTimeline(), timeline.play(), timeline.getFPS()) == (False, None, 0)
+    assert box.getParentTimeline().getSize() == 0
 
 
 # Runs in velmo_boxhost beside its native box "Relay": links Source.out to Relay.in and
-# Relay.out to the Python box Sink.in in that process.
-CHAIN_HOST_SCRIPT = """
+# Relay.out to the Python box Sink.in of that process.
+HOST_SCRIPT = """
 import ivelmo
 ivelmo.setInstance(ADDRESS)
 class SinkBox(ivelmo.behavior):
@@ -82,21 +92,19 @@ SinkBox("Sink")
 manager = ivelmo.proxy("KXBehaviorManager")
 manager.pythonCall(["linkBehaviors", "Source", "out", "Relay", "in"])
 manager.pythonCall(["linkBehaviors", "Relay", "out", "Sink", "in"])
-print("BOXES READY", flush=True)
+print("LINKED", flush=True)
 """
 
 
-def test_values_cross_a_chain_of_boxes_over_two_processes_in_order(root_broker, start_program,
-                                                                    tmp_path):
+def test_values_cross_boxes_of_two_processes_in_order(root_broker, start_program, tmp_path):
     source = SourceBox("Source")
     manager = ivelmo.proxy("KXBehaviorManager")
     manager.pythonCall(["loadBehavior", "Source"])
     assert (source.speed_on_load, manager.pythonCall(["getLoadedBehaviors"])) == (3, ["Source"])
-    script = tmp_path / "chain.py"
-    script.write_text(CHAIN_HOST_SCRIPT)
+    (tmp_path / "host.py").write_text(HOST_SCRIPT)
     host = start_program([os.path.join(BIN_DIR, "velmo_boxhost"), str(root_broker.port),
-                          str(script)], stdin=subprocess.PIPE)
-    host.wait_for("BOXES READY")
+                          str(tmp_path / "host.py")], stdin=subprocess.PIPE)
+    host.wait_for("LINKED")
     count = 1000
     for value in range(count):
         source.stimulateIO("out", value)

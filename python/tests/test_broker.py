@@ -1,74 +1,111 @@
-"""`broker`, `proxy`, `getMemoryProxy` and `KXMemoryProxy` as a Python program uses them."""
+"""Brokers, proxies and Python modules of the flat API: in one program under threads,
+called from other processes, and at the end of a program that leaves them running."""
+import threading
+import urllib.parse
+import urllib.request
+
 import pytest
 
 import ivelmo
-from conftest import run_python
-
-NO_BROKER = "\tKXBrokerManager::getRandomBroker\n\tThere is no current broker defined in BrokerManager."
+from conftest import Calc, run_python
 
 
-def test_constructor_line_and_root_modules(capfd):
-    broker = ivelmo.broker("b", "127.0.0.1", 0, "", 0)
-    try:
-        assert "ivelmo-broker: construct at 127.0.0.1:0, parent : :0\n" in capfd.readouterr().out
-        modules = broker.getGlobalModuleList()
-        assert all(isinstance(entry, list) and len(entry) == 1 for entry in modules)
-        assert {"KXMemory", "KXResourceManager"} <= {entry[0] for entry in modules}
-        assert (broker.isModulePresent("KXMemory"), broker.isModulePresent("Absent")) == (True, False)
-    finally:
-        broker.shutdown()
-
-
-@pytest.mark.parametrize("request_, expected", [
-    (["ping"], True),
-    (["getData", "k"], [1, b"\x00\xff", "t"]),
-    (("ping",), "Function  does not exist in module KXMemory"),  # no list: the empty name
-    ("ping", "Function  does not exist in module KXMemory"),
-    ([1], "\tKXValue::xAssertType: type error\n\tExpected a String but received a Int"),
-    (["getData", "absent"], '\tKXMemory::getData\n\tData "absent" does not exist.'),
-])
-def test_calls_split_the_list_into_method_and_arguments(root_broker, request_, expected):
+def test_a_root_broker_hosts_the_memory_and_answers_calls(root_broker):
+    broker, port = root_broker
+    assert {"KXMemory", "KXResourceManager", "KXBehaviorManager"} <= {
+        name for [name] in broker.getGlobalModuleList()}
+    assert [broker.isModulePresent(name) for name in ("KXMemory", "Absent", None)] == [
+        True, False, False]
     memory = ivelmo.proxy("KXMemory")
-    memory.pythonCall(["insertData", "k", [1, b"\x00\xff", "t"]])
-    if isinstance(expected, str):
-        with pytest.raises(RuntimeError) as raised:
-            memory.pythonCall(request_)
-        assert expected in str(raised.value)
-    else:
-        assert memory.pythonCall(request_) == expected
-
-
-def test_parallel_calls_are_waited_for_stopped_and_asked_about(root_broker):
-    memory = ivelmo.proxy("KXMemory", True)
-    task = memory.pythonPCall(["getDataOnChange", "signal", 0])
-    assert (memory.isRunning(task), memory.wait(task, 50)) == (True, True)  # 50 ms: timed out
-    memory.stop(task)
+    assert memory.pythonCall(["insertData", "k", [1, 2.5, b"\x00\xff", "t", [True]]]) is None
+    assert memory.pythonCall(["getData", "k"]) == [1, 2.5, b"\x00\xff", "t", [True]]
+    typed = ivelmo.getMemoryProxy()
+    typed.insertData("list", ["x"])
+    assert (typed.getData("list", 0), typed.getDataList("is")) == (["x"], ("list",))
+    assert "Swig Object of type 'KXMemoryProxyPostHandler *'" in repr(typed.post)
+    assert ivelmo.KXMemoryProxy("127.0.0.1", port).getData("k")[2] == b"\x00\xff"
+    # A parallel call that waits for a change, stopped; wait answers whether it timed out.
+    separate = ivelmo.proxy("KXMemory", True)
+    task = separate.pythonPCall(["getDataOnChange", "signal", 0])
+    assert (separate.isRunning(task), separate.wait(task, 50)) == (True, True)
+    separate.stop(task)
     memory.pythonCall(["insertData", "signal", 1])
-    assert (memory.wait(task, 0), memory.isRunning(task)) == (False, False)
+    assert (separate.wait(task, 0), separate.isRunning(task)) == (False, False)
 
 
-@pytest.mark.parametrize("call, text", [
-    (lambda: ivelmo.proxy(None), "\tproxy::proxy\n\tNULL value was passed as argument"),
-    (lambda: ivelmo.proxy(None, True), "\tproxy::proxy\n\tNULL value was passed as argument"),
-    (lambda: ivelmo.proxy(None, "127.0.0.1", 1),
-     "\tproxy::proxy\n\tNULL values were passed as arguments"),
-    (lambda: ivelmo.proxy("Absent"), "\tKXProxy::constructor\n\tModule 'Absent' not found."),
-    (lambda: ivelmo.broker(None, "127.0.0.1", 0, "", 0),
-     "\tbroker::broker\n\tNULL values were passed as arguments"),
-])
-def test_framework_errors_arrive_as_runtime_error(root_broker, call, text):
-    with pytest.raises(RuntimeError) as raised:
-        call()
-    assert str(raised.value) == text
+def test_a_python_module_describes_itself_and_calls_others_from_its_methods(calc, capfd):
+    other = Calc("Other")
+    try:
+        proxy = ivelmo.proxy("Calc")
+        assert proxy.pythonCall(["getModuleHelp"]) == ["Adds and fails"]
+        assert proxy.pythonCall(["getMethodHelp", "add"])[2] == ["a", "Python's parameter",
+                                                                 "b", "Python's parameter"]
+        assert proxy.pythonCall(["relay", "Other", "add", 40, 2]) == 42
+        # From a framework thread, into another Python module and back into this one.
+        assert proxy.wait(proxy.pythonPCall(["relay", "Other", "relay", "Calc", "add", 1, 2]),
+                          0) is False
+    finally:
+        other.exit()
+    assert (calc.getName(), calc.getBrokerName(), calc.version()) == ("Calc", "pytest",
+                                                                      "PythonModule")
+    capfd.readouterr()
+    with pytest.raises(RuntimeError):
+        calc._methodMissing()
+    assert capfd.readouterr().out == "\nreceive method missing\n"
+    assert [calc._methodMissing0(), calc._methodMissing6(*range(6))] == ["", ""]
 
 
-@pytest.mark.parametrize("flag", [[0], "", None])
-def test_a_bool_argument_takes_any_truth_value(root_broker, flag):
-    assert ivelmo.proxy("KXMemory", flag).pythonCall(["ping"]) is True
+def test_python_and_framework_threads_call_at_once(calc):
+    """16 Python threads call proxies while 16 framework threads call into the module."""
+    calls_each, failures = 40, []
+
+    def python_caller(index):
+        proxy, memory = ivelmo.proxy("Calc", True), ivelmo.proxy("KXMemory")
+        for i in range(calls_each):
+            if proxy.pythonCall(["add", index, i]) != index + i:
+                failures.append((index, i))
+            memory.pythonCall(["insertData", f"t{index}", i])
+
+    threads = [threading.Thread(target=python_caller, args=(n,)) for n in range(16)]
+    for thread in threads:
+        thread.start()
+    proxy = ivelmo.proxy("Calc")
+    tasks = [proxy.pythonPCall(["add", n, 1000]) for n in range(16)]
+    for thread in threads:
+        thread.join(60)
+    assert not any(thread.is_alive() for thread in threads)
+    assert [proxy.wait(task, 60000) for task in tasks] == [False] * 16
+    assert failures == []
+    memory = ivelmo.getMemoryProxy()
+    assert [memory.getData(f"t{n}") for n in range(16)] == [calls_each - 1] * 16
+
+
+def test_a_python_module_is_called_from_a_child_process_and_from_a_url(root_broker, calc):
+    done = run_python(f"""
+        import ivelmo
+        ivelmo.broker("pychild", "127.0.0.1", 0, "127.0.0.1", {root_broker.port})
+        blob, calc = bytes(range(256)) * 256, ivelmo.proxy("Calc")
+        assert calc.pythonCall(["echo", [1, blob, ["x", 2.5]]]) == [1, blob, ["x", 2.5]]
+        memory = ivelmo.getMemoryProxy()
+        memory.insertData("fromChild", blob[:1000])
+        assert memory.getBrokerName() == "pytest"
+        try:
+            calc.pythonCall(["fail"])
+        except RuntimeError as e:
+            print("ERROR", repr(str(e)))
+    """)
+    assert done.returncode == 0, done.stdout + done.stderr
+    # A remote error carries the module's own description.
+    assert "ERROR " + repr("\tCalc::fail\n\t<class 'ValueError'>\nbad") in done.stdout.splitlines()
+    assert ivelmo.getMemoryProxy().getData("fromChild") == (bytes(range(256)) * 4)[:1000]
+    call = urllib.parse.quote('Calc.echo(["text"])')
+    with urllib.request.urlopen(urllib.request.Request(
+            f"http://127.0.0.1:{root_broker.port}/?eval{call}",
+            headers={"User-Agent": "Mozilla/5.0", "Accept": "*/*"}), timeout=30) as response:
+        assert (response.status, response.read().decode()) == (200, '"text"')
 
 
 def test_without_a_broker_then_with_one_dropped_and_shut_down():
-    # A fresh interpreter: none of this process's brokers.
     done = run_python("""
         import ivelmo
         def error(call):
@@ -76,9 +113,9 @@ def test_without_a_broker_then_with_one_dropped_and_shut_down():
                 call()
             except RuntimeError as e:
                 return str(e)
-        memory = ivelmo.getMemoryProxy()
         print(repr([error(lambda: ivelmo.proxy("KXMemory")), error(lambda: ivelmo.module("m")),
-                    error(memory.ping), ivelmo.broker.isModulePresent(None, "KXMemory"),
+                    error(lambda: ivelmo.behavior("b")), error(ivelmo.getMemoryProxy().ping),
+                    ivelmo.broker.isModulePresent(None, "x"),
                     ivelmo.broker.getGlobalModuleList(None), ivelmo.broker.shutdown(None)]))
         b = ivelmo.broker("b", "127.0.0.1", 0, "", 0)
         del b
@@ -87,24 +124,57 @@ def test_without_a_broker_then_with_one_dropped_and_shut_down():
         print(error(lambda: ivelmo.module("m")) is not None)
     """)
     assert done.returncode == 0, done.stderr
-    no_world = ", as there is no current broker in Python's world."
-    starting = ("[INFO ] Start", "[INFO ] Velmo", "ivelmo-broker")
-    lines = [line for line in done.stdout.splitlines() if not line.startswith(starting)]
+    lines = [line for line in done.stdout.splitlines()
+             if not line.startswith(("[INFO ] Start", "[INFO ] Velmo"))]
     assert lines == [
-        repr(["\tproxy::proxy\n\tCould not create a proxy" + no_world,
-              "\tmodule::module\n\tCould not create a module" + no_world, NO_BROKER, False, None,
-              None]),
+        repr([f"\t{kind}::{kind}\n\tCould not create a {kind}, as there is no current broker in "
+              "Python's world." for kind in ("proxy", "module", "behavior")] + [
+            "\tKXBrokerManager::getRandomBroker\n\tThere is no current broker defined in "
+            "BrokerManager.", False, None, None]),
+        "ivelmo-broker: construct at 127.0.0.1:0, parent : :0",
         # The broker answered after its object was dropped, and stopped on shutdown only.
         "True", "[INFO ] Stop broker b", "[INFO ] Stopping KXBehaviorManager",
-        "[INFO ] Stopping KXResourceManager",
-        "[INFO ] Stopping KXMemory", "[INFO ] Stopping KXNetwork", "True"]
+        "[INFO ] Stopping KXResourceManager", "[INFO ] Stopping KXMemory",
+        "[INFO ] Stopping KXNetwork", "True"]
 
 
-def test_typed_memory_proxy_local_and_remote(root_broker):
-    local = ivelmo.getMemoryProxy()
-    local.insertData("blob", b"\x00" * 5)
-    local.insertData("list", [1, 2.5, "x"])
-    assert local.getData("list", 0) == [1, 2.5, "x"]
-    assert local.getDataList("is") == ("list",)
-    assert "Swig Object of type 'void *'" in repr(local.getDataPtr("list"))
-    assert ivelmo.KXMemoryProxy("127.0.0.1", root_broker.port).getData("blob") == b"\x00" * 5
+def test_brokers_stop_while_calls_are_inside_python_by_shutdown_and_at_exit():
+    # Each broker's module says when a call started, then needs the interpreter lock
+    # again after a pause; four calls are inside Python when the program goes on.
+    done = run_python("""
+        import threading, time, ivelmo
+        started = threading.Semaphore(0)
+        class Slow(ivelmo.module):
+            def __init__(self, name):
+                ivelmo.module.__init__(self, name)
+                self.BIND_PYTHON(name, "work")
+            def work(self, n):
+                started.release()
+                time.sleep(0.2)
+                return n
+        def busy(name):
+            broker = ivelmo.broker(name, "127.0.0.1", 0, "", 0)
+            Slow("Slow" + name)
+            proxy = ivelmo.proxy("Slow" + name)
+            for n in range(4):
+                proxy.pythonPCall(["work", n])
+            for n in range(4):
+                assert started.acquire(timeout=30)
+            return broker, proxy
+        busy("first")[0].shutdown()
+        print("shut down")
+        _, proxy = busy("second")
+        def keep_calling():  # a daemon thread still calling when the interpreter goes away
+            while True:
+                try:
+                    proxy.pythonCall(["work", 0])
+                except RuntimeError:
+                    pass
+        threading.Thread(target=keep_calling, daemon=True).start()
+        print("leaving")
+    """)
+    assert done.returncode == 0, done.stdout + done.stderr
+    lines = done.stdout.splitlines()
+    assert lines.index("[INFO ] Stopping Slowfirst") < lines.index("shut down") < lines.index(
+        "leaving") < lines.index("[INFO ] Stopping Slowsecond")
+    assert "Fatal" not in done.stderr
