@@ -1,3 +1,4 @@
+// The value test kit: helpers that every subsystem's tests may include.
 #ifndef VELMO_VALUE_TESTS_VALUE_TEST_UTIL_H_
 #define VELMO_VALUE_TESTS_VALUE_TEST_UTIL_H_
 
@@ -33,9 +34,34 @@ KXValue arrayOf(const T&... values) {
   return array;
 }
 
-// The full text of a KXValue error.
+// A Binary holding `bytes` (which may contain NULs).
+inline KXValue binaryOf(const std::string& bytes) {
+  KXValue value;
+  value.setBinary(bytes.data(), bytes.size());
+  return value;
+}
+
+inline KXValue objectOf(const std::string& bytes) {
+  KXValue value;
+  value.xAssertCompatibleType(KXValue::TypeObject);
+  value.getBinary().assign(bytes.begin(), bytes.end());
+  return value;
+}
+
+// The kind and compact text of a value: "Int 3", "Array [1, \"x\"]", "Invalid ".
+inline std::string describe(const KXValue& value) {
+  return KXValue::TypeToString(value.getType()) + " " + value.toString();
+}
+
+// The full text of a KXValue error, and of a failed type assertion ("xAssertType", or
+// "xAssertCompatibleType" for a check an Invalid value would have passed by adopting the type).
 inline std::string valueError(const std::string& method, const std::string& description) {
   return "\tKXValue::" + method + "\n\t" + description;
+}
+inline std::string typeError(const std::string& check, const std::string& expected,
+                             const std::string& actual, const std::string& contents) {
+  return valueError(check + ": type error", "Expected a " + expected + " but received a " + actual +
+                                                " (kxvalue contents: " + contents + " )");
 }
 
 }  // namespace testing_util
