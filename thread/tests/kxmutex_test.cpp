@@ -3,248 +3,120 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "thread/kxconditionmanager.h"
 #include "thread_test_support.h"
-#include "value/kxerror.h"
+#include "value/tests/value_test_util.h"
 
 namespace KX {
 namespace {
 
 using testing::Latch;
 
-TEST(KXMutexTest, ScopedLockSerialisesIncrements) {
-  auto mutex = KXMutex::create();
-  ASSERT_NE(mutex, nullptr);
-  long counter = 0;
+void onThreads(int count, const std::function<void(int)>& body) {
   std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 20000; ++i) {
-        KXScopedLock guard(mutex);
-        ++counter;
-      }
-    });
-  }
+  for (int t = 0; t < count; ++t) threads.emplace_back(body, t);
   for (auto& thread : threads) thread.join();
-  EXPECT_EQ(counter, 80000);
 }
 
-TEST(KXMutexTest, FactoriesReturnDistinctObjects) {
-  EXPECT_NE(KXMutex::create(), KXMutex::create());
-  EXPECT_NE(KXMutexRW::create(), KXMutexRW::create());
-  EXPECT_NE(KXCondition::create(), KXCondition::create());
-}
-
-TEST(KXMutexTest, LockersKeepTheirLockAlive) {
-  auto mutex = KXMutex::create();
-  auto rw = KXMutexRW::create();
-  std::weak_ptr<KXMutex> weakMutex = mutex;
-  std::weak_ptr<KXMutexRW> weakRw = rw;
-  {
-    KXScopedLock guard(mutex);
-    KXScopedReadLock readGuard(rw);
-    mutex.reset();
-    rw.reset();
-    EXPECT_FALSE(weakMutex.expired());
-    EXPECT_FALSE(weakRw.expired());
+TEST(KXMutexTest, LockersRefuseANullLock) {
+  const std::pair<std::string, std::function<void()>> kLockers[] = {
+      {"KXScopedLock", [] { KXScopedLock guard(nullptr); }},
+      {"KXScopedReadLock", [] { KXScopedReadLock guard(nullptr); }},
+      {"KXScopedWriteLock", [] { KXScopedWriteLock guard(nullptr); }}};
+  for (const auto& [name, lock] : kLockers) {
+    EXPECT_EQ(testing_util::errorText(lock).rfind("\t" + name + "::Assert failed\n\t", 0), 0u);
   }
-  EXPECT_TRUE(weakMutex.expired());
-  EXPECT_TRUE(weakRw.expired());
 }
 
-TEST(KXMutexTest, LockerReleasesOnScopeExit) {
-  auto mutex = KXMutex::create();
-  { KXScopedLock guard(mutex); }
-  // A second thread can take the mutex only if the locker released it.
-  bool taken = false;
-  std::thread other([&] {
-    KXScopedLock guard(mutex);
-    taken = true;
-  });
-  other.join();
-  EXPECT_TRUE(taken);
-
+TEST(KXMutexTest, MutexExcludesReadersShareWritersExclude) {
   auto rw = KXMutexRW::create();
-  { KXScopedWriteLock guard(rw); }
-  { KXScopedWriteLock again(rw); }
-  { KXScopedReadLock reader(rw); }
-  bool written = false;
-  std::thread writer([&] {
-    KXScopedWriteLock guard(rw);
-    written = true;
-  });
-  writer.join();
-  EXPECT_TRUE(written);
-}
-
-TEST(KXMutexTest, NullLockIsRejected) {
-  try {
-    KXScopedLock guard(nullptr);
-    FAIL() << "a null mutex was accepted";
-  } catch (const KXError& error) {
-    EXPECT_EQ(std::string(error.what()).rfind("\tKXScopedLock::Assert failed\n\t", 0), 0u)
-        << error.what();
-  }
-  EXPECT_THROW(KXScopedReadLock(nullptr), KXError);
-  EXPECT_THROW(KXScopedWriteLock(nullptr), KXError);
-}
-
-// Sixteen threads share one KXMutexRW: writers keep two fields equal and must be alone;
-// readers must see the fields equal and may overlap with one another.
-TEST(KXMutexRWTest, ReadersShareWritersExclude) {
-  auto rw = KXMutexRW::create();
-  long first = 0;
-  long second = 0;
-  std::atomic<int> readersInside{0};
-  std::atomic<int> writersInside{0};
+  Latch allInside(4);
   std::atomic<int> violations{0};
-  std::atomic<int> torn{0};
+  onThreads(4, [&](int) {
+    KXScopedReadLock guard(rw);
+    allInside.countDown();
+    if (!allInside.wait()) ++violations;  // every reader must be inside at once
+  });
+  auto mutex = KXMutex::create();
+  long first = 0, second = 0, counter = 0;
+  onThreads(8, [&](int t) {
+    for (int i = 0; i < 2000; ++i) {
+      if (t % 2 == 0) {
+        KXScopedWriteLock guard(rw);
+        ++first;
+        std::this_thread::yield();
+        ++second;
+      } else {
+        KXScopedReadLock guard(rw);
+        if (first != second) ++violations;
+      }
+      KXScopedLock guard(mutex);
+      ++counter;
+    }
+  });
+  EXPECT_EQ(violations.load(), 0);
+  EXPECT_EQ(counter, 8 * 2000);
+}
 
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 16; ++t) {
-    const bool writer = t % 4 == 0;
-    threads.emplace_back([&, writer] {
-      for (int i = 0; i < 2000; ++i) {
-        if (writer) {
-          KXScopedWriteLock guard(rw);
-          if (writersInside.fetch_add(1) != 0 || readersInside.load() != 0) ++violations;
-          ++first;
-          std::this_thread::yield();
-          ++second;
-          writersInside.fetch_sub(1);
-        } else {
-          KXScopedReadLock guard(rw);
-          readersInside.fetch_add(1);
-          if (writersInside.load() != 0) ++violations;
-          if (first != second) ++torn;
-          readersInside.fetch_sub(1);
-        }
+// One broadcast must reach every waiter; a timed wait (the last waiter's) tells a timeout,
+// its deadline carried into seconds, from a wake-up.
+TEST(KXConditionTest, BroadcastWakesEveryWaiterAndTimedWaitTellsATimeout) {
+  auto mutex = KXMutex::create();
+  auto condition = KXCondition::create();
+  int waiting = 0, woken = 0;
+  onThreads(5, [&](int t) {
+    for (bool all = false; t == 4 && !all;) {
+      KXScopedLock guard(mutex);
+      all = waiting == 4;  // under the mutex: then all four are inside their wait
+      if (all) condition->broadcast();
+    }
+    if (t == 4) return;
+    KXScopedLock guard(mutex);
+    EXPECT_FALSE(t == 3 && (condition->timedWait(*mutex, 999) || condition->timedWait(*mutex, -1)));
+    ++waiting;
+    woken += t < 3 ? (condition->wait(mutex), 1) : condition->timedWait(*mutex, 20000);
+  });
+  EXPECT_EQ(woken, 4);
+}
+
+// A trigger wakes the threads waiting on its name at that moment: not later ones, not those
+// of other names. A wait on a name never added (the empty one never is) returns at once.
+TEST(KXConditionManagerTest, TriggerWakesTheCurrentWaitersOfItsNameOnly) {
+  KXConditionManager manager;
+  for (const char* name : {"remote", "heartBeat", ""}) manager.add(name);
+  manager.trigger("heartBeat");  // nobody waits yet: must not be remembered
+  Latch remoteWoken(3), beatWoken(1), strayWoken(1);
+  std::thread waiters([&] {
+    onThreads(5, [&](int t) {
+      if (t < 4) {
+        manager.wait(t < 3 ? "remote" : "heartBeat");
+        (t < 3 ? remoteWoken : beatWoken).countDown();
+      } else {
+        manager.wait("never-added");
+        manager.wait("");
+        strayWoken.countDown();
       }
     });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(violations.load(), 0);
-  EXPECT_EQ(torn.load(), 0);
-  EXPECT_EQ(first, 4 * 2000);
-  EXPECT_EQ(second, 4 * 2000);
-}
-
-TEST(KXMutexRWTest, ReadersHoldTheLockTogether) {
-  constexpr int kReaders = 12;
-  auto rw = KXMutexRW::create();
-  Latch allInside(kReaders);
-  std::atomic<int> sawEveryone{0};
-  std::vector<std::thread> readers;
-  for (int t = 0; t < kReaders; ++t) {
-    readers.emplace_back([&] {
-      KXScopedReadLock guard(rw);
-      allInside.countDown();
-      // Only possible if every reader holds the read side at the same time.
-      if (allInside.wait()) ++sawEveryone;
-    });
-  }
-  for (auto& reader : readers) reader.join();
-  EXPECT_EQ(sawEveryone.load(), kReaders);
-}
-
-TEST(KXMutexRWTest, WriterWaitsForReader) {
-  auto rw = KXMutexRW::create();
-  std::atomic<bool> readerDone{false};
-  std::atomic<bool> writerSawReaderDone{false};
-  Latch readerInside(1);
-  rw->readLock();
-  std::thread writer([&] {
-    readerInside.wait();
-    KXScopedWriteLock guard(rw);
-    writerSawReaderDone = readerDone.load();
   });
-  readerInside.countDown();
-  // Give the writer every chance to get in wrongly: it may only enter after unlock.
-  for (int i = 0; i < 100; ++i) std::this_thread::yield();
-  readerDone = true;
-  rw->unlock();
-  writer.join();
-  EXPECT_TRUE(writerSawReaderDone.load());
-}
-
-TEST(KXConditionTest, SignalWakesAWaiter) {
-  auto mutex = KXMutex::create();
-  auto condition = KXCondition::create();
-  bool ready = false;
-  bool woke = false;
-  std::thread waiter([&] {
-    KXScopedLock guard(mutex);
-    while (!ready) condition->wait(mutex);
-    woke = true;
-  });
-  {
-    KXScopedLock guard(mutex);
-    ready = true;
-    condition->signal();
-  }
-  waiter.join();
-  EXPECT_TRUE(woke);
-}
-
-TEST(KXConditionTest, BroadcastWakesEveryWaiter) {
-  constexpr int kWaiters = 5;
-  auto mutex = KXMutex::create();
-  auto condition = KXCondition::create();
-  bool go = false;
-  int waiting = 0;
-  int woken = 0;
-  auto allWaiting = KXCondition::create();
-  std::vector<std::thread> waiters;
-  for (int t = 0; t < kWaiters; ++t) {
-    waiters.emplace_back([&] {
-      KXScopedLock guard(mutex);
-      ++waiting;
-      allWaiting->signal();
-      while (!go) condition->wait(*mutex);
-      ++woken;
-    });
-  }
-  {
-    KXScopedLock guard(mutex);
-    while (waiting < kWaiters) allWaiting->wait(*mutex);
-    go = true;
-    // One broadcast must reach all of them: nobody signals again.
-    condition->broadcast();
-  }
-  for (auto& waiter : waiters) waiter.join();
-  EXPECT_EQ(woken, kWaiters);
-}
-
-TEST(KXConditionTest, TimedWaitReportsTimeoutAndSignal) {
-  auto mutex = KXMutex::create();
-  auto condition = KXCondition::create();
-  {
-    KXScopedLock guard(mutex);
-    EXPECT_FALSE(condition->timedWait(*mutex, 5));
-    EXPECT_FALSE(condition->timedWait(*mutex, -1));
-  }
-  bool inside = false;
-  bool signalled = false;
-  auto waiterInside = KXCondition::create();
-  std::thread waiter([&] {
-    KXScopedLock guard(mutex);
-    inside = true;
-    waiterInside->signal();
-    // The mutex is held from `inside` until the wait starts, so the broadcast below
-    // reaches this wait.
-    signalled = condition->timedWait(*mutex, 20000);
-  });
-  {
-    KXScopedLock guard(mutex);
-    while (!inside) waiterInside->wait(*mutex);
-    condition->broadcast();
-  }
-  waiter.join();
-  EXPECT_TRUE(signalled);
+  // A trigger reaches only those already waiting: trigger until they report (bounded).
+  auto triggerUntil = [&manager](const char* name, Latch& woken) {
+    for (int round = 0; round < 20000; ++round) {
+      manager.trigger(name);
+      if (woken.wait(std::chrono::milliseconds(1))) return true;
+    }
+    return false;
+  };
+  EXPECT_TRUE(strayWoken.wait(std::chrono::seconds(5)));
+  EXPECT_TRUE(triggerUntil("remote", remoteWoken));
+  EXPECT_FALSE(beatWoken.wait(std::chrono::milliseconds(20)));
+  EXPECT_TRUE(triggerUntil("heartBeat", beatWoken));
+  triggerUntil("", strayWoken);  // frees a wait that blocked wrongly
+  waiters.join();
 }
 
 }  // namespace
