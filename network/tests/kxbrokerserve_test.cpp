@@ -26,33 +26,10 @@ using wire::callRequest;
 using wire::envelope;
 using wire::HttpReply;
 using wire::operation;
-using wire::textChild;
 using wire::WireConnection;
 using Op = BrokerOperation;
 
-KXModuleInfo someModule() {
-  KXModuleInfo info;
-  info.name = "a<b";
-  info.architecture = 1;
-  info.ip = "10.1.2.3";
-  info.port = 9559;
-  info.processId = 7;
-  info.isABroker = true;
-  return info;
-}
-
-// The answers of the handler, by operation; callVelmo answers after its method name.
-std::map<Op, std::vector<BrokerArg>> cannedAnswers() {
-  return {{Op::callVelmo2, {KXValue(4)}},
-          {Op::getModuleByName, {someModule()}},
-          {Op::getModuleList, {someModule(), KXModuleInfo()}},
-          {Op::getMethodList, {std::string("exit"), std::string("x&y")}},
-          {Op::registerBroker, {-2}},
-          {Op::init, {}},
-          {Op::version, {std::string("1.14")}},
-          {Op::getInfo, {someModule()}},
-          {Op::getDebugTaskList, {arrayOf(arrayOf(2, "M", "m"))}}};
-}
+const KXModuleInfo kModule{"a<b", 1, "10.1.2.3", 9559, 7, true, false};
 
 class ServeTest : public ::testing::Test {
  protected:
@@ -109,14 +86,8 @@ class ServeTest : public ::testing::Test {
   // The server answers on a new connection.
   void expectServing() {
     WireConnection connection(port_);
-    EXPECT_EQ(ask(connection, callRequest("M", "echo", KXValue(5))).body, echoed(KXValue(5)));
-  }
-
-  static std::string echoed(const KXValue& value) {
-    std::string xml;
-    writeKXValue(value, xml, false);
-    return envelope("<kxbroker:callVelmoResponse><kxbroker:return xsi:type=\"xsd:anyType\">" + xml +
-                    "</kxbroker:return></kxbroker:callVelmoResponse>");
+    EXPECT_EQ(ask(connection, callRequest("M", "echo", KXValue(5))).body,
+              wire::callAnswer(KXValue(5)));
   }
 
   static std::string fault(const std::string& string, const std::string& detail = "") {
@@ -127,7 +98,16 @@ class ServeTest : public ::testing::Test {
                     false);
   }
 
-  std::map<Op, std::vector<BrokerArg>> canned_ = cannedAnswers();
+  // The answers of the handler, by operation; callVelmo answers after its method name.
+  std::map<Op, std::vector<BrokerArg>> canned_ = {
+      {Op::callVelmo2, {KXValue(4)}},
+      {Op::getModuleByName, {kModule}},
+      {Op::getModuleList, {kModule, KXModuleInfo()}},
+      {Op::getMethodList, {std::string("exit"), std::string("x&y")}},
+      {Op::registerBroker, {-2}},
+      {Op::version, {std::string("1.14")}},
+      {Op::getInfo, {kModule}},
+      {Op::getDebugTaskList, {arrayOf(arrayOf(2, "M"))}}};
   KXSoapContext server_;
   int port_ = 0;
   std::atomic<bool> stop_{false};
@@ -153,23 +133,26 @@ TEST_F(ServeTest, EachOperationIsAnsweredInItsShape) {
     std::string request;
     std::string answer;
   } cases[] = {
-      {callRequest("M", "echo", arrayOf("a&b", 1.5f)), echoed(arrayOf("a&b", 1.5f))},
+      {callRequest("M", "echo", arrayOf("a&b", 1.5f)), wire::callAnswer(arrayOf("a&b", 1.5f))},
       // A missing item is written as its default.
       {callRequest("M", "none", KXValue()),
        envelope("<kxbroker:callVelmoResponse><kxbroker:return/></kxbroker:callVelmoResponse>")},
       {callRequest("M", "peer", KXValue()),
-       echoed(arrayOf("http://127.0.0.1:" + port + "/", "127.0.0.1"))},
+       wire::callAnswer(arrayOf("http://127.0.0.1:" + port + "/", "127.0.0.1"))},
       {callRequest("M", "m", KXValue(), "callVelmo2"),
-       response("callVelmo2",
-                "<kxbroker:return xsi:type=\"xsd:anyType\"><item "
-                "xsi:type=\"xsd:int\">4</item></kxbroker:return>")},
+       response("callVelmo2", wire::valueChild("kxbroker:return", 4))},
+      {envelope(operation("pCallVelmoN", "<a/><b>1</b><c/><d/><e/><f/><g/>")),
+       response("pCallVelmoN", "<kxbroker:return/>")},
+      {envelope(operation("stopTask", "<n>1</n>")),
+       response("stopTask", "<kxbroker:num>0</kxbroker:num>")},
+      {envelope(operation("stopTaskName", "<n>x</n>")),
+       response("stopTaskName", "<kxbroker:num>0</kxbroker:num>")},
       {envelope(operation("getModuleByName", "<m>x</m>")),
        response("getModuleByName", "<kxbroker:return>" + record + "</kxbroker:return>")},
       {envelope(operation("getModuleList")),
        response("getModuleList", "<kxbroker:return>" + record +
                                      "</kxbroker:return><kxbroker:return>" + empty +
                                      "</kxbroker:return>")},
-      {envelope(operation("getBrokerList")), response("getBrokerList", "")},
       {envelope(operation("getBrokerInfo")),
        response("getBrokerInfo", "<kxbroker:return>" + empty + "</kxbroker:return>")},
       {envelope(operation("getMethodList", "<m>x</m>")),
@@ -181,17 +164,11 @@ TEST_F(ServeTest, EachOperationIsAnsweredInItsShape) {
       {envelope(operation("init", "<a/><b/><c>1</c><d/><e>2</e><f>0</f>")), response("init", "")},
       {envelope(operation("version")),
        response("version", "<kxbroker:pVersion>1.14</kxbroker:pVersion>")},
-      {envelope(operation("stopTask", "<n>3</n>")),
-       response("stopTask", "<kxbroker:num>0</kxbroker:num>")},
       // getInfo is answered by the record itself, without a Response wrapper.
       {envelope(operation("getInfo", "<m>x</m>")),
        envelope("<kx:KXModuleInfo>" + record + "</kx:KXModuleInfo>")},
       {envelope(operation("getDebugTaskList")),
-       response("getDebugTaskList",
-                "<kxbroker:return xsi:type=\"xsd:anyType\"><item xsi:type=\"Array\"><item "
-                "xsi:type=\"Array\"><item xsi:type=\"xsd:int\">2</item><item "
-                "xsi:type=\"xsd:string\">M</item><item xsi:type=\"xsd:string\">m</item></item>"
-                "</item></kxbroker:return>")},
+       response("getDebugTaskList", wire::valueChild("kxbroker:return", arrayOf(arrayOf(2, "M"))))},
   };
   WireConnection connection(port_);
   for (const auto& c : cases) {
@@ -220,7 +197,6 @@ TEST_F(ServeTest, FaultsAreAnsweredAndTheConnectionGoesOn) {
       {envelope(operation("frobnicate")),
        fault("Method 'kxbroker:frobnicate' not implemented: method name or namespace not "
              "recognized")},
-      {"<SOAP-ENV:Envelope><unclosed>", fault("Validation constraint violation: syntax error")},
   };
   WireConnection connection(port_);
   for (const auto& c : cases) {
@@ -231,7 +207,8 @@ TEST_F(ServeTest, FaultsAreAnsweredAndTheConnectionGoesOn) {
   }
   // A one-way request that fails is answered by nothing either.
   ASSERT_TRUE(connection.post(callRequest("Calc", "fail", KXValue(), "pCallVelmo")));
-  EXPECT_EQ(ask(connection, callRequest("M", "echo", KXValue(1))).body, echoed(KXValue(1)));
+  EXPECT_EQ(ask(connection, callRequest("M", "echo", KXValue(1))).body,
+            wire::callAnswer(KXValue(1)));
   EXPECT_EQ(accepted_.load(), 1);
 }
 
@@ -243,31 +220,21 @@ TEST_F(ServeTest, RequestsSentTogetherAreAnsweredInOrderAndOneWayOnesNotAtAll) {
   for (const std::string& body :
        {envelope(operation("unregisterModuleReference", "<m>Gone</m>")),
         callRequest("M", "echo", KXValue(1)), callRequest("M", "echo", KXValue(2)),
-        envelope(operation("unregisterModuleReference", "<m>Also</m>")),
-        envelope(operation("version"))}) {
+        envelope(operation("unregisterModuleReference", "<m>Also</m>"))}) {
     together += connection.postHeader(body.size()) + body;
   }
-  ASSERT_TRUE(connection.sendAll(together));
-  EXPECT_EQ(connection.read().value_or(HttpReply{}).body, echoed(KXValue(1)));
-  EXPECT_EQ(connection.read().value_or(HttpReply{}).body, echoed(KXValue(2)));
-  EXPECT_NE(connection.read().value_or(HttpReply{}).body.find("1.14"), std::string::npos);
+  // The last in chunks.
+  const std::string body = callRequest("M", "echo", KXValue(3));
+  char size[32];
+  std::snprintf(size, sizeof(size), "%zx\r\n", body.size() - 100);
+  ASSERT_TRUE(
+      connection.sendAll(together + "POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n64\r\n" +
+                         body.substr(0, 100) + "\r\n" + size + body.substr(100) + "\r\n0\r\n\r\n"));
+  for (int i = 1; i <= 3; ++i) {
+    EXPECT_EQ(connection.read().value_or(HttpReply{}).body, wire::callAnswer(KXValue(i)));
+  }
   std::lock_guard<std::mutex> lock(mutex_);
   EXPECT_EQ(oneWay_, (std::vector<std::string>{"Gone", "Also"}));
-}
-
-TEST_F(ServeTest, AChunkedRequestIsServedAndTheConnectionCarriesTheNext) {
-  WireConnection connection(port_);
-  const std::string body = callRequest("M", "echo", KXValue(42));
-  const auto chunk = [](const std::string& data) {
-    char size[16];
-    std::snprintf(size, sizeof(size), "%zx\r\n", data.size());
-    return size + data + "\r\n";
-  };
-  ASSERT_TRUE(
-      connection.sendAll("POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n" +
-                         chunk(body.substr(0, 100)) + chunk(body.substr(100)) + "0\r\n\r\n"));
-  EXPECT_EQ(connection.read().value_or(HttpReply{}).body, echoed(KXValue(42)));
-  EXPECT_EQ(ask(connection, body).body, echoed(KXValue(42)));
 }
 
 TEST_F(ServeTest, AConnectionEndsWhenThePeerAsksOrCannotBeUnderstood) {
@@ -289,7 +256,8 @@ TEST_F(ServeTest, AConnectionEndsWhenThePeerAsksOrCannotBeUnderstood) {
     ASSERT_TRUE(connection.sendAll(c.bytes));
     std::string received;
     EXPECT_TRUE(connection.waitForClose(&received)) << c.bytes;
-    EXPECT_EQ(received.find(echoed(KXValue(3))) != std::string::npos, c.answered) << received;
+    EXPECT_EQ(received.find(wire::callAnswer(KXValue(3))) != std::string::npos, c.answered)
+        << received;
   }
   // A peer that leaves in the middle of a request does not hurt the server.
   const std::string cuts[] = {
@@ -344,10 +312,10 @@ TEST_F(ServeTest, BinaryLeavesTakeTheAttachmentsAndTheirResultGoesBackAsAttachme
     EXPECT_EQ(reply.statusLine, "HTTP/1.1 200 OK");
     if (c.back.empty()) {
       EXPECT_EQ(reply.field("Content-Type"), "text/xml; charset=utf-8");
-      EXPECT_EQ(reply.body, echoed(c.parameter));
+      EXPECT_EQ(reply.body, wire::callAnswer(c.parameter));
     } else {
       EXPECT_EQ(reply.field("Content-Type"), "application/dime");
-      EXPECT_EQ(reply.body, wire::dimeMessage(echoed(c.parameter), c.back, "cid:id0"));
+      EXPECT_EQ(reply.body, wire::dimeMessage(wire::callAnswer(c.parameter), c.back, "cid:id0"));
     }
   }
   // A DIME message cut short, or with a record claiming 4 GiB, ends its connection only.

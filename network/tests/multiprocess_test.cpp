@@ -159,7 +159,9 @@ TEST(ProcessTest, AChildOutlivesItsParent) {
   ASSERT_NE(nodePort, 0);
   root.signal(SIGKILL);
   root.waitExit();
-  EXPECT_TRUE(node->waitFor("heartbeat to the parent failed", std::chrono::seconds(15)))
+  // One line: the error's description, not its multi-line text.
+  EXPECT_TRUE(node->waitFor("heartbeat to the parent failed: Error calling remote module method ",
+                            std::chrono::seconds(15)))
       << node->output();
   // It goes on serving its own modules.
   EXPECT_NE(page(nodePort, "/index.xml").find("<name>Keep</name>"), std::string::npos);

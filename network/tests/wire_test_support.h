@@ -302,6 +302,12 @@ inline std::string callRequest(const std::string& module, const std::string& met
                                     valueChild("kxbroker:p", parameters)));
 }
 
+// The envelope of the answer to a callVelmo whose result is `value`.
+inline std::string callAnswer(const KXValue& value) {
+  return envelope("<kxbroker:callVelmoResponse>" + valueChild("kxbroker:return", value) +
+                  "</kxbroker:callVelmoResponse>");
+}
+
 // ---------------------------------------------------------------- DIME
 
 constexpr unsigned char kDimeMediaType = 0x10;
