@@ -1,515 +1,396 @@
-// KXMemory's data, events, subscription bookkeeping and descriptions, called the way
-// users call them: through a proxy, typed where the signature is fixed, generic for the
-// names with two forms.
+// KXMemory: its data, events and subscriptions, the refusals it answers with, the
+// notifications (who is called, with what, on which thread, in which order, and what becomes
+// of subscribers that are slow, fail, vanish or subscribe again), and addStandardModules.
+
+#include "memory/kxmemory.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
+#include <functional>
 #include <future>
-#include <map>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
 
-#include "log/tests/logtestsupport.h"
-#include "memory/kxmemory.h"
-#include "memory/tests/kxmemory_test_support.h"
+#include "memory/kxstandardmodules.h"
+#include "memory/tests/memorytestkit.h"
 #include "module/kxfunctor.h"
-#include "value/kxerror.h"
-#include "value/kxvalue.h"
-#include "value/tests/value_test_util.h"
 
 namespace KX {
+namespace testing {
 namespace {
 
-using testing::MemoryTest;
-using testing_util::arrayOf;
-using testing_util::errorText;
-using tu::log::testing::LogCapture;
-using Strings = std::vector<std::string>;
-
-std::string memoryError(const std::string& method, const std::string& description) {
-  return "\tKXMemory::" + method + "\n\t" + description;
+TEST_F(MemoryTest, EveryTypeIsStoredAsACopyAndReadBackInBothForms) {
+  const struct {
+    KXValue value;
+    const char* type;
+  } cases[] = {{KXValue(3), "Int"},          {KXValue(2.5f), "Float"}, {KXValue("text"), "String"},
+               {arrayOf(1, "two"), "Array"}, {KXValue(true), "Bool"},  {KXValue(), "Invalid"}};
+  for (const auto& c : cases) {  // one name: each set replaces the value and its type
+    generic("insertData", arrayOf("k", c.value));
+    EXPECT_EQ(proxy_->call<KXValue>("getData", "k"), c.value) << c.type;
+    EXPECT_EQ(generic("getData", arrayOf("k")), c.value) << c.type;
+    EXPECT_EQ(module_->getType("k"), c.type);
+  }
+  KXValue list = arrayOf(1, 2);
+  proxy_->call<void>("insertData", "list", list);
+  list[0] = 99;
+  EXPECT_EQ(module_->getData("list"), arrayOf(1, 2));
 }
 
-// ---------------------------------------------------------------- data
-
-TEST_F(MemoryTest, InsertedValuesReadBackThroughEitherForm) {
-  proxy_->call<void>("insertData", "count", KXValue(5));
-  EXPECT_EQ(proxy_->call<KXValue>("getData", "count"), KXValue(5));
-  EXPECT_EQ(generic("getData", arrayOf("count")), KXValue(5));
-  proxy_->call<void>("insertData", "count", KXValue(6));
-  EXPECT_EQ(proxy_->call<KXValue>("getData", "count"), KXValue(6));
-}
-
-TEST_F(MemoryTest, DeprecatedGetDataFormWorksAndSaysSo) {
+TEST_F(MemoryTest, TheDeprecatedGetDataFormWorksAndSaysSo) {
   LogCapture capture;
-  proxy_->call<void>("insertData", "k", KXValue("v"));
+  module_->insertData("k", KXValue("v"));
   EXPECT_EQ(generic("getData", arrayOf("k", 0)), KXValue("v"));
-  EXPECT_EQ(proxy_->call<KXValue>("getData", "k", 3), KXValue("v"));
   const auto records = capture.withFunction("KX::KXMemory::getData");
-  ASSERT_EQ(records.size(), 2u);
+  ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0].level, tu::log::warning);
   EXPECT_EQ(records[0].message,
             "getData(name, int) is deprecated. You should use getData(name).\n");
-  // Its second argument is still checked.
-  EXPECT_EQ(errorText([&] { generic("getData", arrayOf("k", "x")); }),
+  EXPECT_EQ(errorText([&] { generic("getData", arrayOf("k", "x")); }),  // still checked
             "\tconvertFromKXValue::convertFromKXValue\n\tParameter type is String instead of int");
 }
 
-TEST_F(MemoryTest, UnknownNameIsAnErrorInBothForms) {
-  EXPECT_EQ(errorText([&] { proxy_->call<KXValue>("getData", "nope"); }),
-            memoryError("getData", "Data \"nope\" does not exist."));
-  EXPECT_EQ(errorText([&] { generic("getData", arrayOf("nope")); }),
-            memoryError("getData", "Data \"nope\" does not exist."));
-  EXPECT_EQ(errorText([&] { generic("getData", arrayOf("nope", 1)); }),
-            memoryError("getData", "Data \"nope\" does not exist."));
-}
-
-TEST_F(MemoryTest, WrongArgumentCountsOfTwoFormNamesAreRefused) {
-  EXPECT_EQ(errorText([&] { generic("getData", arrayOf("a", 1, 2)); }),
-            memoryError("getData", "Expected 1 or 2 arguments but received 3."));
-  EXPECT_EQ(errorText([&] { generic("getData", arrayOf()); }),
-            memoryError("getData", "Expected 1 or 2 arguments but received 0."));
-  EXPECT_EQ(errorText([&] { generic("subscribeToEvent", arrayOf("a", "b")); }),
-            memoryError("subscribeToEvent", "Expected 3 or 4 arguments but received 2."));
-  EXPECT_EQ(errorText([&] { generic("declareEvent", arrayOf("a", "b", "c")); }),
-            memoryError("declareEvent", "Expected 1 or 2 arguments but received 3."));
-  EXPECT_EQ(errorText([&] { generic("insertData", arrayOf("a")); }),
-            memoryError("insertData", "Expected 2 or 2 arguments but received 1."));
-}
-
-TEST_F(MemoryTest, InsertDataTakesEveryValueType) {
-  generic("insertData", arrayOf("i", 3));
-  generic("insertData", arrayOf("f", 2.5f));
-  generic("insertData", arrayOf("s", "text"));
-  generic("insertData", arrayOf("a", arrayOf(1, "two")));
-  generic("insertData", arrayOf("b", true));
-  EXPECT_EQ(proxy_->call<KXValue>("getData", "i"), KXValue(3));
-  EXPECT_EQ(proxy_->call<KXValue>("getData", "f"), KXValue(2.5f));
-  EXPECT_EQ(proxy_->call<KXValue>("getData", "s"), KXValue("text"));
-  EXPECT_EQ(proxy_->call<KXValue>("getData", "a"), arrayOf(1, "two"));
-  EXPECT_EQ(proxy_->call<std::string>("getType", "i"), "Int");
-  EXPECT_EQ(proxy_->call<std::string>("getType", "f"), "Float");
-  EXPECT_EQ(proxy_->call<std::string>("getType", "s"), "String");
-  EXPECT_EQ(proxy_->call<std::string>("getType", "a"), "Array");
-  EXPECT_EQ(proxy_->call<std::string>("getType", "b"), "Bool");
-  EXPECT_EQ(errorText([&] { proxy_->call<std::string>("getType", "zz"); }),
-            memoryError("getType", "Data \"zz\" does not exist."));
-}
-
-TEST_F(MemoryTest, StoredValueIsACopy) {
-  KXValue original = arrayOf(1, 2);
-  proxy_->call<void>("insertData", "list", original);
-  original[0] = 99;
-  EXPECT_EQ(proxy_->call<KXValue>("getData", "list"), arrayOf(1, 2));
-}
-
-TEST_F(MemoryTest, InsertListDataStoresEveryPair) {
-  proxy_->call<void>("insertListData", arrayOf(arrayOf("a", 1), arrayOf("b", "two")));
-  EXPECT_EQ(proxy_->call<KXValue>("getListData", arrayOf("a", "b", "missing")),
-            arrayOf(1, "two", KXValue()));
-  EXPECT_EQ(proxy_->call<KXValue>("getListData", arrayOf()), arrayOf());
-}
-
-TEST_F(MemoryTest, InsertListDataRefusesOtherShapesWhole) {
-  EXPECT_EQ(
-      errorText([&] {
-        proxy_->call<void>("insertListData", arrayOf(arrayOf("a", 1), arrayOf("b", 2, 3)));
-      }),
-      memoryError("insertListData",
-                  "Expected an Array of [name, value] pairs, but element 1 is [\"b\", 2, 3]."));
-  EXPECT_EQ(errorText([&] { proxy_->call<void>("insertListData", arrayOf(arrayOf(1, 2))); }),
-            memoryError("insertListData",
-                        "Expected an Array of [name, value] pairs, but element 0 is [1, 2]."));
-  EXPECT_EQ(errorText([&] { proxy_->call<void>("insertListData", KXValue("a")); }),
-            memoryError("insertListData",
-                        "Expected an Array of [name, value] pairs but received a String."));
-  // Nothing of a refused list was stored.
-  EXPECT_EQ(proxy_->call<Strings>("getDataListName"), Strings{});
-}
-
-TEST_F(MemoryTest, GetListDataNeedsAnArray) {
-  EXPECT_EQ(errorText([&] { proxy_->call<KXValue>("getListData", KXValue(3)); }),
-            memoryError("getListData", "Expected an Array of names but received a Int."));
-}
-
-TEST_F(MemoryTest, NamesAreListedSortedAndFiltered) {
-  for (const char* name : {"robot/leg", "alpha", "robot/arm", "zeta"}) {
-    proxy_->call<void>("insertData", name, KXValue(1));
-  }
-  EXPECT_EQ(proxy_->call<Strings>("getDataListName"),
-            (Strings{"alpha", "robot/arm", "robot/leg", "zeta"}));
-  EXPECT_EQ(proxy_->call<Strings>("getDataList", "robot"), (Strings{"robot/arm", "robot/leg"}));
-  EXPECT_EQ(proxy_->call<Strings>("getDataList", "a"), (Strings{"alpha", "robot/arm", "zeta"}));
-  EXPECT_EQ(proxy_->call<Strings>("getDataList", "none"), Strings{});
-  EXPECT_EQ(proxy_->call<Strings>("getDataList", ""),
-            (Strings{"alpha", "robot/arm", "robot/leg", "zeta"}));
-}
-
-TEST_F(MemoryTest, RemovedDataIsGone) {
-  proxy_->call<void>("insertData", "k", KXValue(1));
-  proxy_->call<void>("removeData", "k");
-  EXPECT_EQ(errorText([&] { proxy_->call<KXValue>("getData", "k"); }),
-            memoryError("getData", "Data \"k\" does not exist."));
-  EXPECT_EQ(proxy_->call<Strings>("getDataListName"), Strings{});
-  EXPECT_NO_THROW(proxy_->call<void>("removeData", "k"));
-}
-
-TEST_F(MemoryTest, TimestampCarriesValueAndTimeOfTheLastSet) {
-  const auto before = std::chrono::system_clock::now();
-  proxy_->call<void>("insertData", "k", KXValue("v"));
-  const auto after = std::chrono::system_clock::now();
-  const KXValue stamp = proxy_->call<KXValue>("getTimestamp", "k");
-  ASSERT_EQ(stamp.getSize(), 3);
-  EXPECT_EQ(stamp[0], KXValue("v"));
-  const auto toMicros = [](std::chrono::system_clock::time_point t) {
-    return std::chrono::duration_cast<std::chrono::microseconds>(t.time_since_epoch()).count();
+TEST_F(MemoryTest, RefusalsNameTheMethodAndTheCause) {
+  module_->insertData("k", KXValue(1));
+  module_->subscribeToEvent("ev", "a", "cb");
+  module_->subscribeToMicroEvent("micro", "a", "", "cb");
+  const std::string no = "Data \"no\" does not exist.";
+  const std::string pairs = "Expected an Array of [name, value] pairs";
+  const std::string needs = "A subscription to \"ev\" needs a module name and a callback name.";
+  const struct {
+    std::string method;
+    KXValue params;
+    std::string text;
+  } cases[] = {
+      {"getData", arrayOf("no"), no},
+      {"getData", arrayOf("no", 1), no},
+      {"getType", arrayOf("no"), no},
+      {"getTimestamp", arrayOf("no"), no},
+      {"getEventHistory", arrayOf("no"), no},
+      {"setDescription", arrayOf("no", "d"), no},
+      {"getData", arrayOf(), "Expected 1 or 2 arguments but received 0."},
+      {"getData", arrayOf("a", 1, 2), "Expected 1 or 2 arguments but received 3."},
+      {"declareEvent", arrayOf("a", "b", "c"), "Expected 1 or 2 arguments but received 3."},
+      {"insertData", arrayOf("a"), "Expected 2 or 2 arguments but received 1."},
+      {"subscribeToEvent", arrayOf("a", "b"), "Expected 3 or 4 arguments but received 2."},
+      {"getDataPtr", arrayOf("k"), "Cannot be called remotely"},
+      // A list is checked whole: its valid first pair is not stored either.
+      {"insertListData", arrayOf(arrayOf(arrayOf("a", 1), arrayOf("b", 2, 3))),
+       pairs + ", but element 1 is [\"b\", 2, 3]."},
+      {"insertListData", arrayOf(arrayOf(arrayOf(1, 2))), pairs + ", but element 0 is [1, 2]."},
+      {"insertListData", arrayOf("a"), pairs + " but received a String."},
+      {"getListData", arrayOf(3), "Expected an Array of names but received a Int."},
+      {"getDataOnChange", arrayOf("k", -1),
+       "The timeout must be 0 (no limit) or a positive number of milliseconds, not -1."},
+      {"getDataOnChange", arrayOf("k", 30),
+       "Timed out after 30 ms waiting for data \"k\" to change."},
+      {"unsubscribeToEvent", arrayOf("ev", "z"), "Module \"z\" is not subscribed to event \"ev\"."},
+      {"unsubscribeToEvent", arrayOf("no", "a"), "Module \"a\" is not subscribed to event \"no\"."},
+      // Event and micro event subscriptions are not ended for one another.
+      {"unsubscribeToEvent", arrayOf("micro", "a"),
+       "Module \"a\" is not subscribed to event \"micro\"."},
+      {"unsubscribeToMicroEvent", arrayOf("ev", "a"),
+       "Module \"a\" is not subscribed to micro event \"ev\"."},
+      {"subscribeToEvent", arrayOf("ev", "", "cb"), needs},
+      {"subscribeToMicroEvent", arrayOf("ev", "m", "msg", ""), needs},
   };
-  const long long stamped =
-      static_cast<long long>(static_cast<int>(stamp[1])) * 1000000 + static_cast<int>(stamp[2]);
-  EXPECT_GE(stamped, toMicros(before));
-  EXPECT_LE(stamped, toMicros(after));
-  EXPECT_GE(static_cast<int>(stamp[2]), 0);
-  EXPECT_LT(static_cast<int>(stamp[2]), 1000000);
-  EXPECT_EQ(errorText([&] { proxy_->call<KXValue>("getTimestamp", "x"); }),
-            memoryError("getTimestamp", "Data \"x\" does not exist."));
-}
-
-TEST_F(MemoryTest, DescriptionsAreListedWithTypes) {
-  proxy_->call<void>("insertData", "speed", KXValue(1.5f));
-  proxy_->call<void>("insertData", "name", KXValue("nao"));
-  proxy_->call<void>("setDescription", "speed", "Walking speed in m/s");
-  EXPECT_EQ(proxy_->call<KXValue>("getDescriptionList", Strings{"speed", "name", "ghost"}),
-            arrayOf(arrayOf("speed", "Float", "Walking speed in m/s"),
-                    arrayOf("name", "String", ""), arrayOf("ghost", "Invalid", "")));
-  // An empty list describes every name, sorted.
-  EXPECT_EQ(
-      proxy_->call<KXValue>("getDescriptionList", Strings{}),
-      arrayOf(arrayOf("name", "String", ""), arrayOf("speed", "Float", "Walking speed in m/s")));
-  EXPECT_EQ(errorText([&] { proxy_->call<void>("setDescription", "ghost", "d"); }),
-            memoryError("setDescription", "Data \"ghost\" does not exist."));
-}
-
-TEST_F(MemoryTest, HistoryKeepsTheLast32ValuesOldestFirst) {
-  for (int i = 0; i < 40; ++i) proxy_->call<void>("insertData", "h", KXValue(i));
-  const KXValue history = proxy_->call<KXValue>("getEventHistory", "h");
-  ASSERT_EQ(history.getSize(), 32);
-  long long previous = 0;
-  for (int i = 0; i < 32; ++i) {
-    ASSERT_EQ(history[i].getSize(), 3);
-    EXPECT_EQ(history[i][0], KXValue(i + 8));
-    const long long time = static_cast<long long>(static_cast<int>(history[i][1])) * 1000000 +
-                           static_cast<int>(history[i][2]);
-    EXPECT_GE(time, previous);
-    previous = time;
+  for (const auto& c : cases) {
+    EXPECT_EQ(errorText([&] { generic(c.method, c.params); }), memoryError(c.method, c.text))
+        << c.params.toString();
   }
-  proxy_->call<void>("insertData", "short", KXValue("x"));
-  const KXValue one = proxy_->call<KXValue>("getEventHistory", "short");
-  ASSERT_EQ(one.getSize(), 1);
-  EXPECT_EQ(one[0][0], KXValue("x"));
-  EXPECT_EQ(errorText([&] { proxy_->call<KXValue>("getEventHistory", "none"); }),
-            memoryError("getEventHistory", "Data \"none\" does not exist."));
+  EXPECT_EQ(module_->getDataListName(), Strings{"k"});
+  EXPECT_EQ(module_->getSubscribers("ev"), Strings{"a"});
+  EXPECT_EQ(module_->getSubscribers("micro"), Strings{"a"});
 }
 
-// ---------------------------------------------------------------- getDataPtr
+TEST_F(MemoryTest, NamesAreListedFilteredDescribedAndRemoved) {
+  proxy_->call<void>("insertListData", arrayOf(arrayOf("robot/leg", 1.5f), arrayOf("alpha", "a")));
+  module_->insertData("robot/arm", KXValue(1));
+  module_->setDescription("robot/leg", "Leg angle");
+  // An unknown name, and a name that is no String, read Invalid.
+  EXPECT_EQ(proxy_->call<KXValue>("getListData", arrayOf("alpha", "missing", 7, "robot/arm")),
+            arrayOf("a", KXValue(), KXValue(), 1));
+  EXPECT_EQ(module_->getDataList("robot"), (Strings{"robot/arm", "robot/leg"}));
+  EXPECT_EQ(module_->getDataList("none"), Strings{});
+  EXPECT_EQ(module_->getDescriptionList({"robot/leg", "ghost"}),
+            arrayOf(arrayOf("robot/leg", "Float", "Leg angle"), arrayOf("ghost", "Invalid", "")));
+  module_->removeData("alpha");
+  module_->removeData("alpha");  // unknown by now: nothing happens
+  EXPECT_EQ(proxy_->call<Strings>("getDataListName"), (Strings{"robot/arm", "robot/leg"}));
+  // An empty list describes every name, sorted.
+  EXPECT_EQ(module_->getDescriptionList({}),
+            arrayOf(arrayOf("robot/arm", "Int", ""), arrayOf("robot/leg", "Float", "Leg angle")));
+}
 
-TEST_F(MemoryTest, DataPointerIsStableUntilRemovedAndLocalOnly) {
-  proxy_->call<void>("insertData", "k", KXValue(1));
-  // The typed local entry, as a typed proxy in this process finds it.
-  auto info = memory_->findMethod("getDataPtr", {"string"}, false);
-  EXPECT_EQ(info->returnValue.type, "void *");
+TEST_F(MemoryTest, HistoryKeepsTheLast32StampedValuesOldestFirst) {
+  const auto now = [] {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+  };
+  long long previous = now();
+  for (int i = 0; i < 40; ++i) module_->insertData("h", KXValue(i));
+  const long long after = now();
+  const KXValue history = module_->getEventHistory("h");
+  ASSERT_EQ(history.getSize(), 32);
+  for (int i = 0; i < 32; ++i) {
+    const int micros = static_cast<int>(history[i][2]);
+    const long long stamp = static_cast<int>(history[i][1]) * 1000000LL + micros;
+    EXPECT_EQ(history[i][0], KXValue(i + 8));
+    EXPECT_TRUE(stamp >= previous && stamp <= after && micros < 1000000) << i;
+    previous = stamp;
+  }
+  EXPECT_EQ(module_->getTimestamp("h"), history[31]);
+}
+
+TEST_F(MemoryTest, TheDataPointerIsStableUntilRemoved) {
+  module_->insertData("k", KXValue(1));
+  // The typed entry a typed proxy of this process finds (generic calls are refused).
+  auto info = module_->findMethod("getDataPtr", {"string"}, false);
   auto* typed = dynamic_cast<detail::KXTypedFunctor<void*, std::string>*>(info->functor.get());
   ASSERT_NE(typed, nullptr);
   auto* stored = static_cast<KXValue*>(typed->invoke("k"));
-  ASSERT_NE(stored, nullptr);
-  EXPECT_EQ(*stored, KXValue(1));
-  proxy_->call<void>("insertData", "k", KXValue("changed"));
+  module_->insertData("k", KXValue("changed"));
   EXPECT_EQ(typed->invoke("k"), stored);
   EXPECT_EQ(*stored, KXValue("changed"));
-  EXPECT_EQ(memory_->getDataPtr("k"), stored);
-
-  EXPECT_EQ(errorText([&] { generic("getDataPtr", arrayOf("k")); }),
-            memoryError("getDataPtr", "Cannot be called remotely"));
-  EXPECT_EQ(errorText([&] { typed->invoke("none"); }),
-            memoryError("getDataPtr", "Data \"none\" does not exist."));
+  module_->removeData("k");
+  EXPECT_EQ(errorText([&] { typed->invoke("k"); }),
+            memoryError("getDataPtr", "Data \"k\" does not exist."));
 }
 
-// ---------------------------------------------------------------- events
-
-TEST_F(MemoryTest, EventsAreDeclaredInBothFormsAndListed) {
-  generic("declareEvent", arrayOf("FaceDetected", "FaceExtractor"));
-  generic("declareEvent", arrayOf("Bumper"));
-  proxy_->call<void>("declareEvent", "Sonar");  // the typed one-argument form
+TEST_F(MemoryTest, EventsAreDeclaredInBothFormsOrRaised) {
+  generic("declareEvent", arrayOf("Face", "FaceExtractor"));
+  proxy_->call<void>("declareEvent", "Sonar");
   generic("declareEvent", arrayOf("SoundDetected", "SoundExtractor"));
   generic("declareEvent", arrayOf("SoundLocated", "SoundExtractor"));
-  // Declaring again without an extractor keeps the recorded one.
-  generic("declareEvent", arrayOf("FaceDetected"));
-  EXPECT_EQ(proxy_->call<Strings>("getEventList"),
-            (Strings{"Bumper", "FaceDetected", "Sonar", "SoundDetected", "SoundLocated"}));
-  EXPECT_EQ(proxy_->call<Strings>("getExtractorEvent", "SoundExtractor"),
+  generic("declareEvent", arrayOf("Face"));          // keeps the extractor recorded
+  EXPECT_EQ(module_->getDataListName(), Strings{});  // declaring stores no value
+  module_->raiseEvent("Connected", KXValue("child"));
+  module_->raiseMicroEvent("box__out", KXValue(1));
+  EXPECT_EQ(module_->getEventList(),
+            (Strings{"Connected", "Face", "Sonar", "SoundDetected", "SoundLocated"}));
+  EXPECT_EQ(module_->getMicroEventList(), Strings{"box__out"});
+  EXPECT_EQ(module_->getDataListName(), (Strings{"Connected", "box__out"}));
+  EXPECT_EQ(module_->getExtractorEvent("SoundExtractor"),
             (Strings{"SoundDetected", "SoundLocated"}));
-  EXPECT_EQ(proxy_->call<Strings>("getExtractorEvent", "FaceExtractor"), Strings{"FaceDetected"});
-  EXPECT_EQ(proxy_->call<Strings>("getExtractorEvent", "Nobody"), Strings{});
-  // Declaring stores no value.
-  EXPECT_EQ(proxy_->call<Strings>("getDataListName"), Strings{});
+  EXPECT_EQ(module_->getExtractorEvent("FaceExtractor"), Strings{"Face"});
+  EXPECT_EQ(module_->getExtractorEvent("Nobody"), Strings{});
 }
 
-TEST_F(MemoryTest, RaisingDeclaresAndStores) {
-  proxy_->call<void>("raiseEvent", "ClientConnected", KXValue("child"));
-  proxy_->call<void>("raiseMicroEvent", "box__onStopped", KXValue(1));
-  EXPECT_EQ(proxy_->call<Strings>("getEventList"), Strings{"ClientConnected"});
-  EXPECT_EQ(proxy_->call<Strings>("getMicroEventList"), Strings{"box__onStopped"});
-  EXPECT_EQ(proxy_->call<KXValue>("getData", "ClientConnected"), KXValue("child"));
-  EXPECT_EQ(proxy_->call<KXValue>("getData", "box__onStopped"), KXValue(1));
-  proxy_->call<void>("raiseEvent", "ClientDisconnected", KXValue("child"));
-  EXPECT_EQ(proxy_->call<Strings>("getEventList"),
-            (Strings{"ClientConnected", "ClientDisconnected"}));
-}
-
-TEST_F(MemoryTest, RemovingAMicroEventRemovesValueAndSubscriptions) {
-  proxy_->call<void>("raiseMicroEvent", "b__out", KXValue(1));
-  proxy_->call<void>("subscribeToMicroEvent", "b__out", "box", "", "_dataChanged");
-  proxy_->call<void>("subscribeToMicroEvent", "other", "box", "", "_dataChanged");
-  proxy_->call<void>("removeMicroEvent", "b__out");
-  EXPECT_EQ(proxy_->call<Strings>("getMicroEventList"), Strings{"other"});
-  EXPECT_EQ(proxy_->call<Strings>("getSubscribers", "b__out"), Strings{});
-  EXPECT_EQ(proxy_->call<Strings>("getSubscribers", "other"), Strings{"box"});
-  EXPECT_EQ(errorText([&] { proxy_->call<KXValue>("getData", "b__out"); }),
-            memoryError("getData", "Data \"b__out\" does not exist."));
-  EXPECT_NO_THROW(proxy_->call<void>("removeMicroEvent", "never"));
-}
-
-// ---------------------------------------------------------------- subscription bookkeeping
-
-TEST_F(MemoryTest, SubscribersAreListedOncePerModule) {
+TEST_F(MemoryTest, SubscriptionsAreOnePerModuleAndEndOneByOneOrAllAtOnce) {
   generic("subscribeToEvent", arrayOf("ev", "b", "cb"));
   generic("subscribeToEvent", arrayOf("ev", "a", "msg", "cb"));
   generic("subscribeToEvent", arrayOf("ev", "a", "msg2", "cb2"));
-  proxy_->call<void>("subscribeToEvent", "ev", "c", "m", "cb");  // typed four-argument form
-  EXPECT_EQ(proxy_->call<Strings>("getSubscribers", "ev"), (Strings{"a", "b", "c"}));
-  EXPECT_EQ(proxy_->call<Strings>("getEventList"), Strings{"ev"});
-  EXPECT_EQ(proxy_->call<Strings>("getSubscribers", "nothing"), Strings{});
+  proxy_->call<void>("subscribeToEvent", "ev", "c", "m", "cb");
+  module_->raiseMicroEvent("box__out", KXValue(1));
+  module_->subscribeToMicroEvent("box__out", "a", "", "cb");
+  module_->subscribeToMicroEvent("other", "c", "", "cb");
+  EXPECT_EQ(module_->getSubscribers("ev"), (Strings{"a", "b", "c"}));
+  EXPECT_EQ(module_->getEventList(), Strings{"ev"});
+  EXPECT_EQ(module_->getMicroEventList(), (Strings{"box__out", "other"}));
+  module_->unsubscribeToEvent("ev", "c");
+  module_->unregisterModuleReference("b");
+  module_->unregisterModuleReference("nobody");
+  EXPECT_EQ(module_->getSubscribers("ev"), Strings{"a"});
+  // Removing a micro event removes its value and its subscriptions.
+  module_->removeMicroEvent("box__out");
+  module_->removeMicroEvent("never");
+  EXPECT_EQ(module_->getMicroEventList(), Strings{"other"});
+  EXPECT_EQ(module_->getSubscribers("box__out"), Strings{});
+  EXPECT_EQ(module_->getDataListName(), Strings{});
 }
 
-TEST_F(MemoryTest, UnsubscribingRemovesOnlyThatSubscription) {
-  generic("subscribeToEvent", arrayOf("ev", "a", "cb"));
-  generic("subscribeToEvent", arrayOf("ev", "b", "cb"));
-  proxy_->call<void>("subscribeToMicroEvent", "micro", "a", "", "cb");
-  proxy_->call<void>("unsubscribeToEvent", "ev", "a");
-  EXPECT_EQ(proxy_->call<Strings>("getSubscribers", "ev"), Strings{"b"});
-  proxy_->call<void>("unsubscribeToMicroEvent", "micro", "a");
-  EXPECT_EQ(proxy_->call<Strings>("getSubscribers", "micro"), Strings{});
-}
-
-TEST_F(MemoryTest, UnknownSubscriptionsCannotBeEnded) {
-  generic("subscribeToEvent", arrayOf("ev", "a", "cb"));
-  proxy_->call<void>("subscribeToMicroEvent", "micro", "a", "", "cb");
-  EXPECT_EQ(errorText([&] { proxy_->call<void>("unsubscribeToEvent", "ev", "z"); }),
-            memoryError("unsubscribeToEvent", "Module \"z\" is not subscribed to event \"ev\"."));
-  EXPECT_EQ(errorText([&] { proxy_->call<void>("unsubscribeToEvent", "none", "a"); }),
-            memoryError("unsubscribeToEvent", "Module \"a\" is not subscribed to event \"none\"."));
-  // A micro event subscription is not ended as an event one, nor the reverse.
-  EXPECT_EQ(
-      errorText([&] { proxy_->call<void>("unsubscribeToEvent", "micro", "a"); }),
-      memoryError("unsubscribeToEvent", "Module \"a\" is not subscribed to event \"micro\"."));
-  EXPECT_EQ(errorText([&] { proxy_->call<void>("unsubscribeToMicroEvent", "ev", "a"); }),
-            memoryError("unsubscribeToMicroEvent",
-                        "Module \"a\" is not subscribed to micro event \"ev\"."));
-  EXPECT_EQ(proxy_->call<Strings>("getSubscribers", "ev"), Strings{"a"});
-  EXPECT_EQ(proxy_->call<Strings>("getSubscribers", "micro"), Strings{"a"});
-}
-
-TEST_F(MemoryTest, SubscriptionsNeedModuleAndCallback) {
-  EXPECT_EQ(errorText([&] { generic("subscribeToEvent", arrayOf("ev", "", "cb")); }),
-            memoryError("subscribeToEvent",
-                        "A subscription to \"ev\" needs a module name and a callback name."));
-  EXPECT_EQ(errorText([&] { proxy_->call<void>("subscribeToMicroEvent", "ev", "m", "msg", ""); }),
-            memoryError("subscribeToMicroEvent",
-                        "A subscription to \"ev\" needs a module name and a callback name."));
-  EXPECT_EQ(proxy_->call<Strings>("getSubscribers", "ev"), Strings{});
-}
-
-TEST_F(MemoryTest, UnregisteringAModuleDropsAllItsSubscriptions) {
-  generic("subscribeToEvent", arrayOf("e1", "gone", "cb"));
-  generic("subscribeToEvent", arrayOf("e1", "stays", "cb"));
-  proxy_->call<void>("subscribeToMicroEvent", "m1", "gone", "", "cb");
-  proxy_->call<void>("unregisterModuleReference", "gone");
-  EXPECT_EQ(proxy_->call<Strings>("getSubscribers", "e1"), Strings{"stays"});
-  EXPECT_EQ(proxy_->call<Strings>("getSubscribers", "m1"), Strings{});
-  EXPECT_NO_THROW(proxy_->call<void>("unregisterModuleReference", "nobody"));
-}
-
-// ---------------------------------------------------------------- getDataOnChange
-
-TEST_F(MemoryTest, GetDataOnChangeReturnsTheNextValue) {
-  auto waiting = std::async(std::launch::async,
-                            [this] { return proxy_->call<KXValue>("getDataOnChange", "k", 0); });
-  // The waiter cannot be seen from outside: keep setting until it has taken one of the
-  // values (every one of them is a valid answer).
+TEST_F(MemoryTest, GetDataOnChangeReturnsTheNextValueUntilTheExit) {
+  auto next = std::async(std::launch::async,
+                         [this] { return proxy_->call<KXValue>("getDataOnChange", "k", 0); });
+  // The wait cannot be seen from outside: set until the waiter has taken a value (any of
+  // them is a right answer, none was set before it waited).
   bool answered = false;
   for (int i = 0; i < 20000 && !answered; ++i) {
-    proxy_->call<void>("insertData", "k", KXValue(i));
-    answered = waiting.wait_for(std::chrono::milliseconds(1)) == std::future_status::ready;
+    module_->insertData("k", KXValue(i));
+    answered = next.wait_for(std::chrono::milliseconds(1)) == std::future_status::ready;
   }
   ASSERT_TRUE(answered);
-  const KXValue value = waiting.get();
-  ASSERT_EQ(value.getType(), KXValue::TypeInt);
-  EXPECT_GE(static_cast<int>(value), 0);
-}
-
-TEST_F(MemoryTest, GetDataOnChangeTimesOut) {
-  proxy_->call<void>("insertData", "k", KXValue(1));
-  EXPECT_EQ(
-      errorText([&] { proxy_->call<KXValue>("getDataOnChange", "k", 30); }),
-      memoryError("getDataOnChange", "Timed out after 30 ms waiting for data \"k\" to change."));
-  EXPECT_EQ(errorText([&] { proxy_->call<KXValue>("getDataOnChange", "k", -1); }),
-            memoryError("getDataOnChange",
-                        "The timeout must be 0 (no limit) or a positive number of "
-                        "milliseconds, not -1."));
-  // A timed-out waiter is forgotten: later sets still work.
-  proxy_->call<void>("insertData", "k", KXValue(2));
-  EXPECT_EQ(proxy_->call<KXValue>("getData", "k"), KXValue(2));
-}
-
-TEST_F(MemoryTest, ExitEndsEveryWait) {
+  EXPECT_EQ(next.get().getType(), KXValue::TypeInt);
+  // On the module itself: the module core refuses calls through a proxy after the exit.
+  const auto wait = [this] { return errorText([this] { module_->getDataOnChange("k", 0); }); };
+  auto first = std::async(std::launch::async, wait);
+  auto second = std::async(std::launch::async, wait);
+  // Lets them reach their wait; one that comes after the exit is refused with the same text.
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  module_->exit();
   const std::string exiting = memoryError(
       "getDataOnChange", "The module is exiting: stopped waiting for data \"k\" to change.");
-  // Called on the module itself: a call through the proxy that arrived after the exit
-  // would be refused by the module core before it could wait.
-  std::vector<std::future<std::string>> waiters;
-  for (int i = 0; i < 3; ++i) {
-    waiters.push_back(std::async(std::launch::async, [this] {
-      return errorText([this] { memory_->getDataOnChange("k", 0); });
-    }));
+  for (auto* waiter : {&first, &second}) {
+    ASSERT_EQ(waiter->wait_for(kPatience), std::future_status::ready);
+    EXPECT_EQ(waiter->get(), exiting);
   }
-  memory_->exit();
-  for (auto& waiter : waiters) {
-    ASSERT_EQ(waiter.wait_for(KX::testing::kPatience), std::future_status::ready);
-    EXPECT_EQ(waiter.get(), exiting);
-  }
-  EXPECT_EQ(errorText([&] { memory_->getDataOnChange("k", 10); }), exiting);
-  EXPECT_EQ(broker_->getModuleCore("KXMemory"), nullptr);
+  EXPECT_EQ(wait(), exiting);
 }
 
-// ---------------------------------------------------------------- descriptions
+// ---------------------------------------------------------------- notifications
 
-// Parameter names of every published method, in order.
-const std::map<std::string, Strings>& expectedParameters() {
-  static const std::map<std::string, Strings> parameters{
-      {"declareEvent", {"name", "extractorName"}},
-      {"getData", {"name", "deprecatedParameter"}},
-      {"getDataList", {"filter"}},
-      {"getDataListName", {}},
-      {"getDataOnChange", {"name", "timeoutMs"}},
-      {"getDataPtr", {"name"}},
-      {"getDescriptionList", {"names"}},
-      {"getEventHistory", {"name"}},
-      {"getEventList", {}},
-      {"getExtractorEvent", {"extractorName"}},
-      {"getListData", {"names"}},
-      {"getMicroEventList", {}},
-      {"getSubscribers", {"name"}},
-      {"getTimestamp", {"name"}},
-      {"getType", {"name"}},
-      {"insertData", {"name", "value"}},
-      {"insertListData", {"list"}},
-      {"raiseEvent", {"name", "value"}},
-      {"raiseMicroEvent", {"name", "value"}},
-      {"removeData", {"name"}},
-      {"removeMicroEvent", {"name"}},
-      {"setDescription", {"name", "description"}},
-      {"subscribeToEvent", {"name", "module", "message", "callback"}},
-      {"subscribeToMicroEvent", {"name", "module", "message", "callback"}},
-      {"unregisterModuleReference", {"module"}},
-      {"unsubscribeToEvent", {"name", "module"}},
-      {"unsubscribeToMicroEvent", {"name", "module"}},
+TEST_F(MemoryTest, SubscribersAreCalledOffTheCallersThreadWithNameValueAndMessage) {
+  auto listener = addListener("listener");
+  const struct {
+    const char* method;
+    KXValue params;
+    const char* callback;
+    const char* message;
+  } cases[] = {
+      {"subscribeToEvent", arrayOf("a", "listener", "onChange"), "onChange", ""},
+      {"subscribeToEvent", arrayOf("b", "listener", "hello", "onOther"), "onOther", "hello"},
+      {"subscribeToMicroEvent", arrayOf("c", "listener", "box", "onChange"), "onChange", "box"},
   };
-  return parameters;
-}
-
-TEST_F(MemoryTest, EveryMethodIsDescribedForUsers) {
-  const Strings methods = proxy_->call<Strings>("getMethodList");
-  for (const auto& expected : expectedParameters()) {
-    SCOPED_TRACE(expected.first);
-    EXPECT_EQ(std::count(methods.begin(), methods.end(), expected.first), 1);
-    const KXValue help = proxy_->call<KXValue>("getMethodHelp", expected.first);
-    ASSERT_EQ(help.getSize(), 5);
-    EXPECT_EQ(help[0], KXValue(expected.first));
-    EXPECT_GT(help[1].getSize(), 20);
-    if (expected.second.empty()) {
-      EXPECT_FALSE(help[2].isValid());
-      continue;
-    }
-    ASSERT_EQ(help[2].getSize(), static_cast<int>(2 * expected.second.size()));
-    for (std::size_t i = 0; i < expected.second.size(); ++i) {
-      EXPECT_EQ(help[2][static_cast<int>(2 * i)], KXValue(expected.second[i]));
-      EXPECT_GT(help[2][static_cast<int>(2 * i + 1)].getSize(), 5);
-    }
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    const auto& c = cases[i];
+    const std::string name = static_cast<const std::string&>(c.params[0]);
+    generic(c.method, c.params);
+    module_->insertData(name, arrayOf(name, 1.5f));
+    ASSERT_TRUE(listener->waitFor(i + 1));
+    const Call got = listener->calls()[i];
+    EXPECT_EQ(got.callback + got.name + got.message, c.callback + name + c.message);
+    EXPECT_EQ(got.value, arrayOf(name, 1.5f));
+    EXPECT_NE(got.thread, std::this_thread::get_id());
   }
-  EXPECT_GT(proxy_->call<KXValue>("getModuleHelp")[0].getSize(), 20);
 }
 
-TEST_F(MemoryTest, TwoFormNamesDescribeBothForms) {
-  const KXValue getData = proxy_->call<KXValue>("getMethodHelp", "getData");
-  EXPECT_NE(static_cast<const std::string&>(getData[1]).find("getData(name, deprecatedParameter)"),
-            std::string::npos);
-  const KXValue subscribe = proxy_->call<KXValue>("getMethodHelp", "subscribeToEvent");
-  const std::string& text = static_cast<const std::string&>(subscribe[1]);
-  EXPECT_NE(text.find("subscribeToEvent(name, module, callback)"), std::string::npos);
-  EXPECT_NE(text.find("subscribeToEvent(name, module, message, callback)"), std::string::npos);
-  const KXMethodInfo info = memory_->getMethodHelpObject("subscribeToEvent");
-  EXPECT_TRUE(info.parameters[2].optional);
-  EXPECT_FALSE(info.parameters[3].optional);
-  EXPECT_TRUE(memory_->getMethodHelpObject("declareEvent").parameters[1].optional);
-  EXPECT_TRUE(memory_->getMethodHelpObject("getData").parameters[1].optional);
+// Four threads raise while three subscribers are called back: each subscriber sees every
+// value once, each raiser's values in its order, and all of them the same interleaving.
+TEST_F(MemoryTest, EverySubscriberSeesEveryValueInSetOrderUnderConcurrentRaisers) {
+  constexpr int kRaisers = 4;
+  constexpr int kEach = 250;
+  std::vector<std::shared_ptr<Listener>> listeners;
+  for (const char* name : {"l0", "l1", "l2"}) {
+    listeners.push_back(addListener(name));
+    module_->subscribeToMicroEvent("ev", name, "", "onChange");
+  }
+  std::vector<std::thread> raisers;
+  for (int raiser = 0; raiser < kRaisers; ++raiser) {
+    raisers.emplace_back([this, raiser] {
+      for (int i = 0; i < kEach; ++i) module_->raiseMicroEvent("ev", arrayOf(raiser, i));
+    });
+  }
+  for (auto& raiser : raisers) raiser.join();
+  std::vector<KXValue> first;
+  for (const auto& listener : listeners) {
+    ASSERT_TRUE(listener->waitFor(kRaisers * kEach));
+    std::vector<int> next(kRaisers, 0);
+    std::vector<KXValue> order;
+    for (const Call& call : listener->calls()) {
+      const int raiser = static_cast<int>(call.value[0]);
+      ASSERT_TRUE(raiser >= 0 && raiser < kRaisers);
+      EXPECT_EQ(static_cast<int>(call.value[1]), next[raiser]++);
+      order.push_back(call.value);
+    }
+    EXPECT_EQ(next, std::vector<int>(kRaisers, kEach));
+    if (first.empty()) first = order;
+    EXPECT_EQ(order, first);
+  }
+  const KXValue history = module_->getEventHistory("ev");
+  for (int i = 0; i < 32; ++i) EXPECT_EQ(history[i][0], first[first.size() - 32 + i]);
 }
 
-// Every signature a typed proxy of this process looks up is found, by name and types.
-TEST_F(MemoryTest, EverySignatureIsFoundByItsTypes) {
-  const std::vector<std::pair<std::string, Strings>> signatures{
-      {"declareEvent", {"string"}},
-      {"declareEvent", {"string", "string"}},
-      {"getData", {"string"}},
-      {"getData", {"string", "int"}},
-      {"getDataList", {"string"}},
-      {"getDataListName", {}},
-      {"getDataOnChange", {"string", "int"}},
-      {"getDataPtr", {"string"}},
-      {"getDescriptionList", {"vector<string>"}},
-      {"getEventHistory", {"string"}},
-      {"getEventList", {}},
-      {"getExtractorEvent", {"string"}},
-      {"getListData", {"array"}},
-      {"getMicroEventList", {}},
-      {"getSubscribers", {"string"}},
-      {"getTimestamp", {"string"}},
-      {"getType", {"string"}},
-      {"insertData", {"string", "int"}},
-      {"insertData", {"string", "float"}},
-      {"insertData", {"string", "string"}},
-      {"insertData", {"string", "array"}},
-      {"insertListData", {"array"}},
-      {"raiseEvent", {"string", "array"}},
-      {"raiseMicroEvent", {"string", "array"}},
-      {"removeData", {"string"}},
-      {"removeMicroEvent", {"string"}},
-      {"setDescription", {"string", "string"}},
-      {"subscribeToEvent", {"string", "string", "string"}},
-      {"subscribeToEvent", {"string", "string", "string", "string"}},
-      {"subscribeToMicroEvent", {"string", "string", "string", "string"}},
-      {"unregisterModuleReference", {"string"}},
-      {"unsubscribeToEvent", {"string", "string"}},
-      {"unsubscribeToMicroEvent", {"string", "string"}},
+// While one delivery is held, the other subscriber gets everything, and subscribing again
+// replaces message and callback for the queued deliveries, keeping their order.
+TEST_F(MemoryTest, ASlowSubscriberDelaysNoOneAndMaySubscribeAgain) {
+  auto slow = addListener("slow");
+  auto quick = addListener("quick");
+  module_->subscribeToEvent("ev", "slow", "first", "onChange");
+  module_->subscribeToEvent("ev", "quick", "onChange");
+  slow->setGate(true);
+  for (int i = 1; i <= 3; ++i) module_->raiseEvent("ev", KXValue(i));
+  ASSERT_TRUE(quick->waitFor(3));
+  EXPECT_EQ(quick->ints(), (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(slow->ints(), std::vector<int>{1});  // held in its first callback
+  module_->subscribeToEvent("ev", "slow", "second", "onOther");
+  slow->setGate(false);
+  module_->raiseEvent("ev", KXValue(4));
+  ASSERT_TRUE(slow->waitFor(4));
+  EXPECT_EQ(slow->ints(), (std::vector<int>{1, 2, 3, 4}));
+  Strings callbacks;
+  for (const Call& call : slow->calls()) callbacks.push_back(call.callback + " " + call.message);
+  EXPECT_EQ(callbacks,
+            (Strings{"onChange first", "onOther second", "onOther second", "onOther second"}));
+}
+
+// Once missed: a delivery to a module that had left went through the broker's stale proxy
+// to it, instead of finding it gone and dropping its subscription.
+TEST_F(MemoryTest, FailuresAreLoggedAndASubscriberWhoseModuleIsGoneIsDropped) {
+  LogCapture capture;
+  auto stays = addListener("stays");
+  auto leaves = addListener("leaves");
+  auto fails = addListener("fails");
+  module_->subscribeToEvent("ev", "fails", "onFail");
+  module_->subscribeToEvent("ev", "leaves", "onChange");
+  module_->subscribeToEvent("ev", "stays", "onChange");
+  module_->raiseEvent("ev", KXValue(1));
+  ASSERT_TRUE(leaves->waitFor(1));
+  leaves->exit();
+  leaves.reset();
+  module_->raiseEvent("ev", KXValue(2));
+  const char* notify = "KX::KXMemory::notify";
+  ASSERT_TRUE(eventually([&] { return capture.withFunction(notify).size() == 4; }));
+  Strings messages;
+  for (const auto& record : capture.withFunction(notify)) {
+    EXPECT_EQ(record.level, tu::log::warning);
+    EXPECT_EQ(record.category, "core.memory");
+    messages.push_back(record.message);
+  }
+  std::sort(messages.begin(), messages.end());
+  const std::string cannot = "Cannot notify module \"";
+  EXPECT_EQ(messages, (Strings{cannot + "fails\" (callback \"onFail\") of a change of \"ev\": "
+                                        "\tfails::onFail\n\trefused ev\n",
+                               cannot + "fails\" (callback \"onFail\") of a change of \"ev\": "
+                                        "\tfails::onFail\n\trefused ev\n",
+                               cannot + "leaves\" (callback \"onChange\") of a change of \"ev\": "
+                                        "\tKXProxy::constructor\n\tModule 'leaves' not found.\n",
+                               "Module \"leaves\" no longer exists: its subscription to \"ev\" "
+                               "is dropped.\n"}));
+  EXPECT_EQ(module_->getSubscribers("ev"), (Strings{"fails", "stays"}));
+  ASSERT_TRUE(stays->waitFor(2));
+  EXPECT_EQ(stays->ints(), (std::vector<int>{1, 2}));
+  EXPECT_EQ(fails->ints(), (std::vector<int>{1, 2}));
+}
+
+TEST(MemoryDropTest, QueuedDeliveriesAreDroppedByUnsubscribingRemovingOrExiting) {
+  const struct {
+    const char* name;
+    std::function<void(KXMemory&)> drop;
+  } cases[] = {
+      {"unsubscribe", [](KXMemory& m) { m.unsubscribeToMicroEvent("box__out", "listener"); }},
+      {"unregister", [](KXMemory& m) { m.unregisterModuleReference("listener"); }},
+      {"remove", [](KXMemory& m) { m.removeMicroEvent("box__out"); }},
+      {"exit", [](KXMemory& m) { m.exit(); }},
   };
-  for (const auto& signature : signatures) {
-    SCOPED_TRACE(signatureText(signature.first, signature.second));
-    EXPECT_EQ(memory_->findMethod(signature.first, signature.second, true)->methodName,
-              signature.first);
+  for (const auto& c : cases) {
+    auto broker = newBroker();
+    auto memory = createModule<KXMemory>(broker, "KXMemory");
+    auto listener = createModule<Listener>(broker, "listener");
+    memory->subscribeToMicroEvent("box__out", "listener", "", "onChange");
+    listener->setGate(true);
+    for (int i = 0; i < 5; ++i) memory->raiseMicroEvent("box__out", KXValue(i));
+    ASSERT_TRUE(listener->waitFor(1));  // one under way, four queued
+    c.drop(*memory);
+    listener->setGate(false);
+    broker->shutdown();  // joins the pool's workers: whatever was to run has run
+    EXPECT_EQ(listener->ints(), std::vector<int>{0}) << c.name;
   }
+}
+
+TEST(StandardModulesTest, AddsWhatIsMissingAndKeepsWhatIsThere) {
+  auto broker = newBroker();
+  auto memory = createModule<KXMemory>(broker, "KXMemory");
+  memory->insertData("kept", KXValue("yes"));
+  addStandardModules(broker);
+  const auto resources = broker->getModuleCore("KXResourceManager");
+  EXPECT_NE(std::dynamic_pointer_cast<KXResourceManager>(resources), nullptr);
+  addStandardModules(broker);
+  EXPECT_EQ(broker->getModuleCore("KXResourceManager"), resources);
+  EXPECT_EQ(broker->getModuleCore("KXMemory"), memory);
+  EXPECT_EQ(memory->getData("kept"), KXValue("yes"));
+  broker->shutdown();
 }
 
 }  // namespace
+}  // namespace testing
 }  // namespace KX
