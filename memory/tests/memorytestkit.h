@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -38,6 +37,21 @@ inline std::string managerError(const std::string& method, const std::string& de
   return "\tKXResourceManager::" + method + "\n\t" + description;
 }
 
+// A generic call that `module` refuses with KXError(<its name>, <method>, <text>).
+struct Refusal {
+  std::string method;
+  KXValue params;
+  std::string text;
+};
+inline void expectRefusals(KXModuleCore& module, const std::vector<Refusal>& refusals) {
+  KXProxy proxy(module.getParentBroker(), module.getName());
+  for (const Refusal& r : refusals) {
+    EXPECT_EQ(errorText([&] { proxy.genericCall(r.method, r.params); }),
+              "\t" + module.getName() + "::" + r.method + "\n\t" + r.text)
+        << r.params.toString();
+  }
+}
+
 inline std::shared_ptr<KXBroker> newBroker() {
   return KXBroker::createBroker("test", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive, "", false);
 }
@@ -62,44 +76,22 @@ struct Call {
   std::thread::id thread;
 };
 
-// Records the calls of its notification callbacks "onChange", "onOther" and "onFail" (which
-// then throws) and of the resource manager's conflict callback "onConflict" (which first
-// releases the resource when `releases`). While the gate is closed, a recorded call waits.
+// Records every call it receives: notifications (name, value, message) and the resource
+// manager's conflict callbacks (resource, requester). A call of "onFail" is then refused.
+// While the gate is closed, a recorded call waits.
 class Listener : public KXModule {
  public:
-  Listener(const std::shared_ptr<KXBroker>& broker, const std::string& name)
-      : KXModule(broker, name) {
-    const auto describe = [this](const char* callback) {
-      functionName(callback, "Listener", "Records a notification");
-      addParam("name", "the data name");
-      addParam("value", "the value");
-      addParam("message", "the subscription's message");
-    };
-    describe(kNotified[0]);
-    bindMethod(&Listener::on<0>);
-    describe(kNotified[1]);
-    bindMethod(&Listener::on<1>);
-    describe(kNotified[2]);
-    bindMethod(&Listener::on<2>);
-    functionName("onConflict", "Listener", "Records that someone wants a resource held here");
-    addParam("resource", "the wanted resource");
-    addParam("requester", "who wants it");
-    bindMethod(&Listener::onConflict);
+  using KXModule::KXModule;
+  void execute(const std::string& method, const KXValue& params, KXValue&) override {
+    const std::string name = static_cast<const std::string&>(params[0]);
+    std::unique_lock<std::mutex> lock(mutex_);
+    calls_.push_back(Call{method, name, params[1],
+                          params.getSize() > 2 ? static_cast<const std::string&>(params[2]) : "",
+                          std::this_thread::get_id()});
+    changed_.notify_all();
+    changed_.wait_for(lock, kPatience, [&] { return !gated_; });
+    if (method == "onFail") KX_THROW(getName(), method, "refused " + name);
   }
-  static constexpr const char* kNotified[] = {"onChange", "onOther", "onFail"};
-  template <int kIndex>
-  void on(const std::string& name, const KXValue& value, const std::string& message) {
-    record(kNotified[kIndex], name, value, message);
-    if (kIndex == 2) KX_THROW(getName(), "onFail", "refused " + name);
-  }
-  void onConflict(const std::string& resource, const std::string& requester) {
-    if (releases) {
-      KXProxy(getParentBroker(), "KXResourceManager")
-          .call<void>("releaseResource", resource, getName());
-    }
-    record("onConflict", resource, KXValue(requester), "");
-  }
-
   void setGate(bool closed) {
     std::lock_guard<std::mutex> lock(mutex_);
     gated_ = closed;
@@ -119,17 +111,8 @@ class Listener : public KXModule {
     for (const Call& call : calls()) values.push_back(static_cast<int>(call.value));
     return values;
   }
-  std::atomic<bool> releases{false};
 
  private:
-  void record(const char* callback, const std::string& name, const KXValue& value,
-              const std::string& message) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    calls_.push_back(Call{callback, name, value, message, std::this_thread::get_id()});
-    changed_.notify_all();
-    changed_.wait_for(lock, kPatience, [&] { return !gated_; });
-  }
-
   std::mutex mutex_;
   std::condition_variable changed_;
   bool gated_ = false;       // guarded by mutex_
