@@ -12,8 +12,7 @@
 namespace KX {
 namespace testing_util {
 
-// Runs `action` and returns the text of the KXError it raises; records a failure (and
-// returns "<no error>") when it raises nothing.
+// The text of the KXError that `action` raises; a test failure when it raises nothing.
 template <typename Action>
 std::string errorText(Action&& action) {
   try {
@@ -53,8 +52,7 @@ inline std::string describe(const KXValue& value) {
   return KXValue::TypeToString(value.getType()) + " " + value.toString();
 }
 
-// The full text of a KXValue error, and of a failed type assertion ("xAssertType", or
-// "xAssertCompatibleType" for a check an Invalid value would have passed by adopting the type).
+// The full text of a KXValue error, and of a failed "xAssertType" or "xAssertCompatibleType".
 inline std::string valueError(const std::string& method, const std::string& description) {
   return "\tKXValue::" + method + "\n\t" + description;
 }
