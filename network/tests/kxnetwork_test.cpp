@@ -97,8 +97,6 @@ TEST_F(NetworkTreeTest, AChildCallsAModuleOfItsParentAndGetsItsErrors) {
     std::string error;
   } cases[] = {
       {[&] { proxy.call<void>("fail"); }, errorText("Calc", "fail", "deliberate failure")},
-      {[&] { proxy.genericCall("fail", KXValue()); },
-       errorText("Calc", "fail", "deliberate failure")},
       // The remote broker's own words, named after the module as well.
       {[&] { proxy.genericCall("nothing", KXValue()); },
        errorText("Calc", "nothing", "Function nothing does not exist in module Calc")},
@@ -356,48 +354,6 @@ TEST_F(BrokerWireTest, ExitIsOneWayAndShutsTheBrokerDown) {
   EXPECT_TRUE(idle.waitForClose());
 }
 
-TEST_F(BrokerWireTest, PagesAndCallsShareOneConnection) {
-  WireConnection connection(port_);
-  ASSERT_TRUE(connection.request("GET", "/index.xml"));
-  EXPECT_EQ(connection.read().value_or(HttpReply{}).status(), 200);
-  ASSERT_TRUE(connection.post(callRequest("Calc", "add", args({1, 2}))));
-  EXPECT_EQ(connection.read().value_or(HttpReply{}).body, wire::callAnswer(3));
-  ASSERT_TRUE(connection.request("GET", "/User/../x"));
-  EXPECT_EQ(connection.read().value_or(HttpReply{}).status(), 404);
-}
-
-TEST(NetworkSearchTest, AGrandchildFindsAModuleOnASiblingBranch) {
-  auto root = rootBroker("searchRoot");
-  auto a = childBroker("branchA", *root);
-  auto b = childBroker("branchB", *root);
-  auto grandchild = childBroker("leaf", *b);
-  createModule<Calculator>(a, "OnA");
-  {
-    KXProxy proxy(grandchild, "OnA");
-    EXPECT_EQ(proxy.getBrokerName(), "branchA");
-    EXPECT_EQ(proxy.getModuleInfo().port, a->getPort());
-    EXPECT_EQ(proxy.call<int>("add", 40, 2), 42);
-  }
-  // Searches never come back down the branch they came from, and never loop.
-  EXPECT_EQ(errorOf([&] { KXProxy proxy(grandchild, "Nowhere"); }),
-            errorText("KXProxy", "constructor", "Module 'Nowhere' not found."));
-  for (auto& broker : {grandchild, b, a, root}) broker->shutdown();
-}
-
-TEST(NetworkAddressTest, AProxyFromAnAddressReachesTheModuleUntilItsBrokerIsGone) {
-  auto root = rootBroker("addressed");
-  createModule<Calculator>(root, "AddressedCalc");
-  KXProxy proxy("AddressedCalc", "127.0.0.1", root->getPort());
-  EXPECT_FALSE(proxy.isLocal());
-  EXPECT_EQ(proxy.getBrokerName(), "addressed");
-  EXPECT_EQ(proxy.call<std::string>("greet", "you"), "Hello you");
-  root->shutdown();
-  EXPECT_THAT(errorOf([&] { proxy.call<int>("add", 1, 1); }),
-              ::testing::StartsWith("\tKXNetwork::callMethod\n\tError calling remote module "
-                                    "method AddressedCalc::add: "));
-}
-
-// A port held by another process is refused by the broker program: see multiprocess_test.
 TEST(NetworkServerTest, FreePortsAreFoundPastTheTakenOnes) {
   PortHolder holder;
   auto root = rootBroker("ports");

@@ -147,7 +147,6 @@ TEST(ReadKXValue, EachFormGivesItsValue) {
   } cases[] = {
       {items("xsd:boolean", {"TRUE", "False", "1", "0", "", "yes", "00"}),
        arrayOf(true, false, true, false, false, true, true)},
-      {items("xsd:bool", {"FALSE"}), arrayOf(false)},
       // Ints read like atoi; malformed numbers read as 0.
       {items("xsd:int", {" 12ab", "abc", nullptr}), arrayOf(12, 0, 0)},
       {items("xsd:double", {"0.1", nullptr}), arrayOf(0.1f, 0.0f)},
@@ -172,8 +171,7 @@ TEST(ReadKXValue, EachFormGivesItsValue) {
        arrayOf(KXValue())},
       // Without a declared type, untyped children are arrays.
       {array("<item>1</item><x><item>2</item></x>"), arrayOf(arrayOf(), arrayOf(arrayOf()))},
-      {"<r xmlns=\"http://Korvane.Broker.ARRAY/\">" + item("xsd:int", "1") + "</r>", arrayOf(1)},
-      {"<r xmlns=\"urn:other\">" + item("xsd:int", "1") + "</r>", KXValue()}};
+      {"<r xmlns=\"http://Korvane.Broker.ARRAY/\">" + item("xsd:int", "1") + "</r>", arrayOf(1)}};
   for (const auto& c : cases) EXPECT_EQ(readXml(c.xml), c.value) << c.xml;
   // The declared count only reserves room: the children present make the array.
   for (const char* count : {"1", "2147483647", "-5", "99999999999999999999", "abc", "", "]3["}) {
@@ -259,14 +257,6 @@ TEST(RoundTrip, EveryKindComesBackEqual) {
         nestedArrays(kKXValueMaxDepth - 1)}) {
     EXPECT_EQ(readXml(written(sample)), sample);
   }
-  // Inside an enclosing element that declares the prefixes, as a message carries it.
-  const KXValue value = arrayOf(1, "a&b", 0.5f);
-  tinyxml2::XMLDocument document;
-  document.Parse(
-      ("<kxbroker:p xmlns:kxbroker=\"urn:kxbroker\">" + written(value) + "</kxbroker:p>").c_str());
-  KXValue back;
-  readKXValue(*document.RootElement()->FirstChildElement(), back, 0);
-  EXPECT_EQ(back, value);
 }
 
 TEST(BinaryLeaves, AttachmentsMoveIntoTheLeavesInWalkOrder) {

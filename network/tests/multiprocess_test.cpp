@@ -30,82 +30,43 @@ std::unique_ptr<ChildProcess> startNode(const std::string& name, int parentPort,
 // The body of a page of the broker on `port`.
 std::string page(int port, const std::string& path) {
   wire::WireConnection connection(port);
-  connection.request("GET", path);
+  connection.sendAll("GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
+                     "\r\n\r\n");
   return connection.read().value_or(wire::HttpReply{}).body;
 }
 
 // The root program, two children, and this process as a grandchild under the second.
-class ProcessTreeTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_NE(rootPort_ = startRoot(root_), 0);
-    nodeA_ = startNode("nodeA", rootPort_, "OnA", portA_);
-    nodeB_ = startNode("nodeB", rootPort_, "OnB", portB_);
-    ASSERT_TRUE(portA_ != 0 && portB_ != 0);
-    leaf_ =
-        KXBroker::createBroker("leaf", "127.0.0.1", 0, "127.0.0.1", portB_, KXBroker::kKeepAlive);
+TEST(ProcessTest, AGrandchildCallsAModuleOnASiblingBranch) {
+  ChildProcess root(rootCommand());
+  const int rootPort = startRoot(root);
+  int portA = 0;
+  int portB = 0;
+  const auto nodeA = startNode("nodeA", rootPort, "OnA", portA);
+  const auto nodeB = startNode("nodeB", rootPort, "OnB", portB);
+  ASSERT_TRUE(rootPort != 0 && portA != 0 && portB != 0);
+  auto leaf =
+      KXBroker::createBroker("leaf", "127.0.0.1", 0, "127.0.0.1", portB, KXBroker::kKeepAlive);
+  {
+    KXProxy proxy(leaf, "OnA");
+    EXPECT_EQ(proxy.getBrokerName(), "nodeA");
+    EXPECT_EQ(proxy.getModuleInfo().port, portA);
+    EXPECT_EQ(proxy.call<int>("add", 40, 2), 42);
+    EXPECT_EQ(errorOf([&] { proxy.call<void>("fail"); }),
+              errorText("OnA", "fail", "deliberate failure"));
+    // The root's memory module is found upwards, from this process.
+    KXProxy memory(leaf, "KXMemory");
+    EXPECT_EQ(memory.getBrokerName(), "Velmo");
+    memory.call<void>("insertData", "fromLeaf", 7);
+    EXPECT_EQ(memory.genericCall("getData", args({"fromLeaf"})), KXValue(7));
   }
-
-  void TearDown() override {
-    if (leaf_) leaf_->shutdown();
-  }
-
-  ChildProcess root_{rootCommand()};
-  int rootPort_ = 0;
-  int portA_ = 0;
-  int portB_ = 0;
-  std::unique_ptr<ChildProcess> nodeA_;
-  std::unique_ptr<ChildProcess> nodeB_;
-  std::shared_ptr<KXBroker> leaf_;
-};
-
-TEST_F(ProcessTreeTest, AGrandchildCallsAModuleOnASiblingBranch) {
-  KXProxy proxy(leaf_, "OnA");
-  EXPECT_FALSE(proxy.isLocal());
-  EXPECT_EQ(proxy.getBrokerName(), "nodeA");
-  EXPECT_EQ(proxy.getModuleInfo().port, portA_);
-  EXPECT_EQ(proxy.call<int>("add", 40, 2), 42);
-  EXPECT_EQ(errorOf([&] { proxy.call<void>("fail"); }),
-            errorText("OnA", "fail", "deliberate failure"));
-  // Values of every kind, Binary ones as attachments.
-  std::string large(1 << 20, '\0');
-  for (std::size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i % 251);
-  const KXValue value = args({binaryOf("one"), args({binaryOf(large), 3, 2.5f, true}), "three"});
-  EXPECT_EQ(proxy.genericCall("echo", args({value})), value);
-  // The root's memory module is found upwards, from this process.
-  KXProxy memory(leaf_, "KXMemory");
-  EXPECT_EQ(memory.getBrokerName(), "Velmo");
-  memory.call<void>("insertData", "fromLeaf", 7);
-  EXPECT_EQ(memory.genericCall("getData", args({"fromLeaf"})), KXValue(7));
-}
-
-TEST_F(ProcessTreeTest, ParallelCallsAcrossProcesses) {
-  KXProxy proxy(leaf_, "OnA");
-  const int id = proxy.pCall("runUntilStopped");
-  ASSERT_GT(id, 0);
-  EXPECT_TRUE(eventually([&] { return proxy.isRunning(id); }));
-  EXPECT_TRUE(proxy.wait(id, 40));  // still running: the wait timed out
-  proxy.stop(id);
-  EXPECT_FALSE(proxy.wait(id, 0));
-  EXPECT_FALSE(proxy.isRunning(id));
-  EXPECT_FALSE(proxy.wait(proxy.genericPCall("pause", args({50})), 0));
-}
-
-TEST_F(ProcessTreeTest, TheRootListsTheWholeTree) {
-  const std::string root = page(rootPort_, "/index.xml");
-  EXPECT_NE(root.find("<name>nodeA</name>"), std::string::npos) << root;
-  EXPECT_NE(root.find("<name>nodeB</name>"), std::string::npos) << root;
-  EXPECT_NE(page(portB_, "/index.xml").find("<name>leaf</name>"), std::string::npos);
-  EXPECT_NE(page(rootPort_, "/?evalKXMemory.getData([\"ClientConnected\"])").find("127.0.0.1"),
-            std::string::npos);
-}
-
-TEST_F(ProcessTreeTest, AChildStoppedBySigtermLeavesItsParent) {
-  nodeA_->signal(SIGTERM);
-  EXPECT_EQ(nodeA_->waitExit(), 0);
-  EXPECT_TRUE(root_.waitFor("Client \"nodeA\" unregistered")) << root_.output();
-  EXPECT_EQ(errorOf([&] { KXProxy proxy(leaf_, "OnA"); }),
-            errorText("KXProxy", "constructor", "Module 'OnA' not found."));
+  // Searches never come back down the branch they came from, and never loop.
+  EXPECT_EQ(errorOf([&] { KXProxy nowhere(leaf, "Nowhere"); }),
+            errorText("KXProxy", "constructor", "Module 'Nowhere' not found."));
+  const std::string index = page(rootPort, "/index.xml");
+  EXPECT_NE(index.find("<name>nodeA</name>"), std::string::npos) << index;
+  EXPECT_NE(index.find("<name>nodeB</name>"), std::string::npos) << index;
+  EXPECT_NE(page(portB, "/index.xml").find("<name>leaf</name>"), std::string::npos);
+  leaf->shutdown();
 }
 
 TEST(ProcessTest, TheBrokerProgramStopsInOrderOnSigterm) {

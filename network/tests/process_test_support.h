@@ -75,8 +75,7 @@ class ChildProcess {
     return true;
   }
 
-  // The number that follows `before` in the output once it shows; 0 (and a test failure)
-  // when it does not.
+  // The number that follows `before` once it shows; 0 (and a test failure) if it does not.
   int numberAfter(const std::string& before) const {
     if (!waitFor(before)) {
       ADD_FAILURE() << "no '" << before << "' in:\n" << output();
@@ -88,8 +87,7 @@ class ChildProcess {
 
   void signal(int number) const { kill(pid_, number); }
 
-  // The exit status once the process ended, nullopt if it is still running after
-  // `patience` (or ended by a signal).
+  // The exit status; nothing if still running after `patience`, or ended by a signal.
   std::optional<int> waitExit(std::chrono::milliseconds patience = std::chrono::seconds(20)) {
     const auto deadline = std::chrono::steady_clock::now() + patience;
     while (std::chrono::steady_clock::now() < deadline) {
@@ -109,10 +107,9 @@ class ChildProcess {
   std::string outputPath_;
 };
 
-// The port of the broker program once it listens.
-inline int startRoot(ChildProcess& root) {
-  return root.numberAfter("Velmo is listening on 127.0.0.1:");
-}
+// The port of the broker program once its modules serve: the earlier "Velmo is listening on"
+// line comes before KXMemory exists.
+inline int startRoot(ChildProcess& root) { return root.numberAfter("Listening on 127.0.0.1:"); }
 
 }  // namespace testing
 }  // namespace KX

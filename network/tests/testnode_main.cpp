@@ -1,7 +1,5 @@
-// A broker of its own process for the multi-process tests: a child of the broker on
-// 127.0.0.1:<parent port> hosting a test module. Prints "READY <port>" once it serves, then
-// runs until SIGTERM or SIGINT.
-//   velmo_testnode <broker name> <parent port> <module name>
+// velmo_testnode <broker name> <parent port> <module name>: a child of the broker on
+// 127.0.0.1:<parent port> hosting a test module; prints "READY <port>", runs until SIGTERM.
 #include <pthread.h>
 #include <signal.h>
 
