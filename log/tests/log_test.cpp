@@ -29,14 +29,13 @@ using testing::LogCapture;
 
 const LogTime kTime{1700000000, 5};  // printed "1700000000.5": microseconds are not padded
 
-// A handler that sees the category, message and line of each record.
+// A handler given the category, message and line of each record.
 LogHandler handler(std::function<void(const std::string&, const std::string&, int)> body) {
   return [body](LogLevel, const LogTime&, const char* category, const char* message, const char*,
                 const char*, int line) { body(category, message, line); };
 }
 
-// Logs `count` records from each of four threads; the message names the thread, the line
-// carries the sequence.
+// Logs `count` records from each of four threads: the message names the thread, the line counts.
 void logFromThreads(int count, const char* category) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
@@ -50,22 +49,18 @@ void logFromThreads(int count, const char* category) {
 
 TEST(LogRecordTest, TextsAreCutToTheirFieldsAndNullShownAsNull) {
   detail::Record record;
-  detail::fillRecord(record, info, LogTime{}, "a.long.category", "a message", "f.cpp", "f", 1);
   const std::string message(3000, 'm'), category(100, 'c'), file(200, 'f');
   detail::fillRecord(record, warning, LogTime{12, 34}, category.c_str(), message.c_str(),
                      file.c_str(), nullptr, 42);
   EXPECT_EQ(std::string(record.message) + record.category + record.file + record.function,
             std::string(2047, 'm') + std::string(63, 'c') + std::string(127, 'f') + "(null)");
-  EXPECT_EQ(record.level * 1000000 + record.time.seconds * 10000 + record.time.microseconds * 100 +
-                record.line,
-            3123442);
   detail::fillRecord(record, info, LogTime{}, "b", "", "", "g", 2);  // a reused slot
   EXPECT_EQ(std::string(record.category) + record.message + record.file + record.function, "bg");
 }
 
 // Levels outside silent..debug show as the nearest one; a line is printed only when its
-// level is within the verbosity.
-TEST(ConsoleFormatTest, LevelTagColourAndVerbosity) {
+// level is within the verbosity; each context puts its own header before the message.
+TEST(ConsoleFormatTest, LevelTagColourVerbosityAndContextHeader) {
   const std::string grey = "\x1b[0m";
   // clang-format off
   const struct { int level; const char* tag; std::string colour; } cases[] = {
@@ -82,26 +77,24 @@ TEST(ConsoleFormatTest, LevelTagColourAndVerbosity) {
               grey + c.colour + c.tag + " " + grey + "m|" + c.tag + " (null)");
   }
   // Colour only on a terminal, and only when CLICOLOR is unset or a number above 0.
-  std::string colour = std::to_string(shouldUseColour(false, nullptr));
-  for (const char* clicolor : {(const char*)nullptr, "2", "0", "-1", "yes", ""}) {
-    colour += std::to_string(shouldUseColour(true, clicolor));
+  std::string colour;
+  for (const char* clicolor : {(const char*)nullptr, "2", "0", "x"}) {
+    colour += "01"[shouldUseColour(true, clicolor)];
   }
-  EXPECT_EQ(colour, "0110000");
-}
+  EXPECT_EQ(colour + "01"[shouldUseColour(false, nullptr)], "11000");
 
-TEST(ConsoleFormatTest, HeaderOfEachContext) {
   const std::string time = "1700000000.5 ",
                     column = "core.thread     : ", fileLine = "thread/kxthread.cpp(42) ",
                     function = "KX::f ";
   // clang-format off
-  const struct { int context, line; std::string header; } cases[] = {
+  const struct { int context, line; std::string header; } headers[] = {
       {0, 42, ""},  {1, 42, column},  {2, 42, time},  {3, 0, "thread/kxthread.cpp(0) "},
       {3, 42, fileLine},  {4, 42, time + column},  {5, 0, time},  {5, 42, time + fileLine},
       {6, 0, column},  {6, 42, column + fileLine},  {7, 0, time + column + function},
       {7, 42, time + column + fileLine + function},  {8, 42, ""},  {-1, 42, ""},
   };
   // clang-format on
-  for (const auto& c : cases) {
+  for (const auto& c : headers) {
     EXPECT_EQ(formatHeader(c.context, kTime, "core.thread", "thread/kxthread.cpp", "KX::f", c.line),
               c.header)
         << c.context << " " << c.line;
@@ -115,11 +108,10 @@ TEST(ConsoleFormatTest, HeaderOfEachContext) {
 // Each test starts from the library's default state, without colour or overrides.
 class LogTest : public ::testing::Test {
  protected:
-  void SetUp() override {
+  void SetUp() override { reset(); }
+  void TearDown() override { reset(); }
+  static void reset() {
     setenv("CLICOLOR", "0", 1);
-    TearDown();
-  }
-  void TearDown() override {
     unsetenv("VERBOSE");
     unsetenv("CONTEXT");
     init(info, 0, true);
@@ -138,7 +130,6 @@ TEST_F(LogTest, TheConsoleFollowsTheSettings) {
   log(debug, "core.thread", "boom\n", "thread/kxthread.cpp", "KX::KXThread::launch", 42);
   unsetenv("VERBOSE");
   setVerbosity(warning);
-  log(info, "c", "hidden\n", "", "f", 0);
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),
             "[INFO ] Exit\n[INFO ] Verbosity set to 6\n[INFO ] tu.log          : Context set to 6\n"
             "[DEBUG] core.thread     : thread/kxthread.cpp(42) boom\n");
@@ -149,13 +140,13 @@ TEST_F(LogTest, TheConsoleFollowsTheSettings) {
 // may log (the record is handled inside the current one); init drops every handler but a
 // fresh console.
 TEST_F(LogTest, HandlersRunInNameOrderAndReplaceByName) {
-  std::vector<std::string> calls;
+  std::string calls;
   const auto named = [&calls](const std::string& name) {
-    return handler([&calls, name](auto&, auto& message, int) { calls.push_back(name + message); });
+    return handler([&calls, name](auto&, auto& message, int) { calls += name + message + "|"; });
   };
   addLogHandler("zeta", named("zeta"));
   addLogHandler("alpha", handler([&](auto&, const std::string& message, int) {
-                  calls.push_back("alpha" + message);
+                  calls += "alpha" + message + "|";
                   if (message == "1") log(info, "c", "echo", "", "f", 0);
                 }));
   addLogHandler("beta", handler([](auto&, auto&, int) { throw std::runtime_error("failed"); }));
@@ -164,16 +155,14 @@ TEST_F(LogTest, HandlersRunInNameOrderAndReplaceByName) {
   log(info, "c", "1", "", "f", 0);
   addLogHandler("alpha", named("ALPHA"));
   removeLogHandler("zeta");
-  removeLogHandler("never-added");
   log(info, "c", "2", "", "f", 0);
   init(info, 0, true);
   log(info, "c", "3\n", "", "f", 0);
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "[INFO ] 3\n");
-  EXPECT_EQ(calls,
-            (std::vector<std::string>{"alpha1", "alphaecho", "consoleecho", "zetaecho", "console1",
-                                      "zeta1", "ALPHA2", "console2", "ALPHAVerbosity set to 4\n",
-                                      "consoleVerbosity set to 4\n", "ALPHAContext set to 0\n",
-                                      "consoleContext set to 0\n"}));
+  EXPECT_EQ(
+      calls,
+      "alpha1|alphaecho|consoleecho|zetaecho|console1|zeta1|ALPHA2|console2|ALPHAVerbosity "
+      "set to 4\n|consoleVerbosity set to 4\n|ALPHAContext set to 0\n|consoleContext set to 0\n|");
 }
 
 // Synchronous handlers run on the callers' threads one call at a time, so console lines never
@@ -198,9 +187,9 @@ TEST_F(LogTest, ManyThreadsLogging) {
     for (std::string line; std::getline(printed, line); ++lines) {
       ASSERT_EQ(line.substr(0, 15) + std::to_string(line.size()), "[INFO ] thread 216") << line;
     }
-    EXPECT_EQ(std::to_string(lines) + " lines, overlaps: " + std::to_string(overlaps),
-              "800 lines, overlaps: 0");
-    ASSERT_EQ(records.size(), 800u);
+    EXPECT_EQ(std::to_string(lines) + " lines, " + std::to_string(records.size()) +
+                  " records, overlaps: " + std::to_string(overlaps),
+              "800 lines, 800 records, overlaps: 0");
     std::vector<int> next(4, 0);
     std::set<std::thread::id> handlerThreads;
     for (const auto& record : records) {
@@ -234,23 +223,6 @@ TEST_F(LogTest, ChangingHandlersWhileRecordsFlow) {
   // Records logged by a handler while init drains the ring find no facility and are dropped.
   EXPECT_GE(echoes.load(), 2000 - static_cast<int>(detail::kSlotCount));
   EXPECT_EQ(count.load(), 2002 + echoes.load());
-}
-
-// Pending records, more than the ring holds, are delivered first; after it no handler is
-// called and records are dropped.
-TEST(DispatcherTest, ShutdownDeliversPendingThenDropsEverything) {
-  std::shared_ptr<detail::Dispatcher> dispatcher = detail::Dispatcher::create(false);
-  std::atomic<int> calls{0};
-  const LogHandler count = handler([&calls](auto&, auto&, int) { ++calls; });
-  dispatcher->addHandler("count", count);
-  for (int i = 0; i < 200; ++i) dispatcher->submit(info, "c", "m", "", "f", i);
-  dispatcher->shutdown();
-  dispatcher->addHandler("again", count);
-  dispatcher->removeHandler("count");
-  dispatcher->submit(info, "c", "late", "", "f", 0);
-  dispatcher->flush();
-  dispatcher->shutdown();
-  EXPECT_EQ(calls.load(), 200);
 }
 
 // A thread logging while the process exits: the facility is torn down under it.
@@ -287,6 +259,10 @@ TEST(SdkLayoutTest, DataFolderIsShareVelmoBesideTheLibrary) {
   EXPECT_EQ(sdkDataDir(), data);
   EXPECT_EQ(docRoot(), data / "web" / "doc");
   EXPECT_EQ(resolveDocPath("/xsl/broker.xsl"), data / "web" / "doc" / "xsl" / "broker.xsl");
+  // The content type goes by the first of ".js", ".xsl", ".css" anywhere in the path.
+  EXPECT_EQ(docContentType("/a.js.css").value_or("") + docContentType("/a.xsl.css").value_or("") +
+                docContentType("/a.css").value_or("") + docContentType("/a.JS").value_or("-"),
+            "application/javascripttext/xmltext/css-");
 }
 
 // A root with pages, links inside and out, and a secret beside it.
@@ -300,30 +276,21 @@ TEST(SdkLayoutTest, ResolveDocPathStaysUnderTheRoot) {
   }
   fs::create_symlink("../outside/secret.txt", root / "leak.txt");
   fs::create_symlink("xsl/page.xsl", root / "alias.xsl");
-  fs::create_directory_symlink(root, base / "linked");
   const fs::path index = root / "index.txt";
   const std::optional<fs::path> none;
+  // Any climb is refused, even back inside: no page needs one. A NUL would end the name early.
   // clang-format off
   const struct { fs::path root; std::string request; std::optional<fs::path> file; } cases[] = {
-      {root, "index.txt", index},  {root, "//index.txt", index},
-      {base / "linked", "/index.txt", index},
-      {root, "/xsl/../alias.xsl", none},  // any climb is refused: no page needs one
-      {root, "/alias.xsl", root / "xsl" / "page.xsl"},  {root, "/leak.txt", none},
-      {base / "linked", "/leak.txt", none},  {root, (base / "outside/secret.txt").string(), none},
-      {root, "/missing.txt", none},  {root, "/empty", none},  {root, "/", none},
-      {base / "no-root", "/index.txt", none},
-      {root, std::string("/index.txt\0.css", 15), none},  // a NUL would end the name early
+      {root, "//index.txt", index},
+      {root, "/xsl/../alias.xsl", none},  {root, "/alias.xsl", root / "xsl" / "page.xsl"},
+      {root, "/leak.txt", none},  {root, "/empty", none},
+      {root, (base / "outside/secret.txt").string(), none},  {base / "no-root", "/index.txt", none},
+      {root, "/missing.txt", none},  {root, "", none},
+      {root, std::string("/index.txt\0.css", 15), none},
   };
   // clang-format on
   for (const auto& c : cases) EXPECT_EQ(resolveDocPath(c.root, c.request), c.file) << c.request;
   fs::remove_all(base);
-}
-
-// Tested in this order on the whole path.
-TEST(SdkLayoutTest, ContentTypeOfAPage) {
-  EXPECT_EQ(docContentType("/a.js.css").value_or("") + docContentType("/a.xsl.css").value_or("") +
-                docContentType("/a.css").value_or("") + docContentType("/a.JS").value_or("-"),
-            "application/javascripttext/xmltext/css-");
 }
 
 }  // namespace

@@ -31,13 +31,11 @@ struct CapturedRecord {
 class LogCapture {
  public:
   explicit LogCapture(std::string name = "test-log-capture") : name_(std::move(name)) {
-    addLogHandler(
-        name_, [this](LogLevel level, const LogTime& time, const char* category,
-                      const char* message, const char* file, const char* function, int line) {
-          std::lock_guard<std::mutex> lock(mutex_);
-          records_.push_back(
-              {level, time, category, message, file, function, line, std::this_thread::get_id()});
-        });
+    addLogHandler(name_, [this](LogLevel level, const LogTime& time, const char* category,
+                                const char* text, const char* file, const char* where, int n) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      records_.push_back({level, time, category, text, file, where, n, std::this_thread::get_id()});
+    });
   }
   ~LogCapture() { removeLogHandler(name_); }
 
@@ -62,7 +60,7 @@ class LogCapture {
   std::vector<CapturedRecord> records_;
 };
 
-// Saves an environment variable and puts it back when destroyed.
+// Saves an environment variable and puts it back when destroyed. Not to be copied.
 class EnvironmentGuard {
  public:
   explicit EnvironmentGuard(const char* name) : name_(name), wasSet_(std::getenv(name)) {
@@ -71,8 +69,6 @@ class EnvironmentGuard {
   ~EnvironmentGuard() {
     wasSet_ ? setenv(name_.c_str(), saved_.c_str(), 1) : unsetenv(name_.c_str());
   }
-  EnvironmentGuard(const EnvironmentGuard&) = delete;
-  EnvironmentGuard& operator=(const EnvironmentGuard&) = delete;
 
  private:
   std::string name_, saved_;
