@@ -1,18 +1,15 @@
 #ifndef VELMO_MODULE_TESTS_PROXY_TEST_SUPPORT_H_
 #define VELMO_MODULE_TESTS_PROXY_TEST_SUPPORT_H_
 
-// The module tests' kit (also used by the network and python tests): error texts, argument
-// Arrays, a module with typed methods of every kind and methods that block, fail or run
-// until asked to stop, and a broker per test.
+// The module tests' kit, also the network and python tests': error texts, argument Arrays, a
+// module whose methods block, fail or run until asked to stop, a broker per test.
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -77,18 +74,23 @@ inline const std::string kStopText = errorText(
 
 class Calculator : public KXModule {
  public:
-  Calculator(const std::shared_ptr<KXBroker>& broker, const std::string& name)
+  // `generic`: typed calls take the generic path, as for modules in other languages.
+  Calculator(const std::shared_ptr<KXBroker>& broker, const std::string& name, bool generic = false)
       : KXModule(broker, name) {
+    setRequiresGenericDispatch(generic);
     setModuleDescription("Arithmetic for the proxy tests");
-    publish("add", &Calculator::add, "Adds two integers", {"a", "first term", "b", "second term"},
-            {"sum", "a + b"});
+    functionName("add", "Calculator", "Adds two integers");
+    addParam("a", "first term");
+    addParam("b", "second term");
+    setReturn("sum", "a + b");
+    bindMethod(&Calculator::add);
     publish("half", &Calculator::half);
     publish("twice", &Calculator::twice);
     publish("greet", &Calculator::greet);
-    publish("keepValue", &Calculator::keepValue, "Keeps where its argument lives",
-            {"value", "any value"});
+    functionName("keepValue", "Calculator", "Keeps where its argument lives");
+    addParam("value", "any value");
+    bindMethod(&Calculator::keepValue);
     publish("countWords", &Calculator::countWords);
-    publish("scale", &Calculator::scale);
     publish("echo", &Calculator::echo);
     publish("fail", &Calculator::fail);
     publish("hold", &Calculator::hold);
@@ -109,22 +111,17 @@ class Calculator : public KXModule {
     wordsSeen = &words;
     return static_cast<int>(words.size());
   }
-  float scale(const float& x) {
-    floatSeen = &x;
-    return 10 * x;
-  }
   KXValue echo(const KXValue& value) { return value; }
   void fail() { KX_THROW("Calculator", "fail", "deliberate failure"); }
   void hold() {
-    report([this] { ++holdsStarted_; });
+    ++holdsStarted;
     release.wait();
     ++holdsEnded;
   }
   void pause(const int& ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
   // Reports its own task id, then polls the stop request (gives up after kPatience).
   bool runUntilStopped() {
-    const int id = getTaskIdForCurrentThread();
-    report([&] { ownTaskId_ = id; });
+    const int id = ownTaskId = getTaskIdForCurrentThread();
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (std::chrono::steady_clock::now() < deadline) {
       if (id != -1 && isStopRequested(id)) return stoppedOnRequest = true;
@@ -133,67 +130,36 @@ class Calculator : public KXModule {
     return false;
   }
 
-  // Waits until `count` calls of hold have started.
+  // Whether `count` calls of hold have started in time.
   bool waitForHolds(int count) {
-    std::unique_lock<std::mutex> guard(mutex_);
-    return changed_.wait_for(guard, kPatience, [&] { return holdsStarted_ >= count; });
+    return eventually([&] { return holdsStarted >= count; });
   }
   // The id runUntilStopped reported (-2 when it did not in time).
   int waitForOwnTaskId() {
-    std::unique_lock<std::mutex> guard(mutex_);
-    changed_.wait_for(guard, kPatience, [&] { return ownTaskId_ != -2; });
-    return ownTaskId_;
+    eventually([&] { return ownTaskId != -2; });
+    return ownTaskId;
   }
 
   std::atomic<int> addCalls{0};
+  std::atomic<int> holdsStarted{0};
   std::atomic<int> holdsEnded{0};
+  std::atomic<int> ownTaskId{-2};
   const KXValue* valueSeen = nullptr;
   const std::vector<std::string>* wordsSeen = nullptr;
-  const float* floatSeen = nullptr;
   std::atomic<bool> stoppedOnRequest{false};
   Latch release{1};
 
  private:
-  // `parameters`: name, description, name, description, ...
   template <typename Method>
-  void publish(const std::string& name, Method method, const std::string& description = "",
-               const std::vector<std::string>& parameters = {},
-               const std::pair<std::string, std::string>& result = {}) {
-    functionName(name, "Calculator", description);
-    for (std::size_t i = 0; i + 1 < parameters.size(); i += 2) {
-      addParam(parameters[i], parameters[i + 1]);
-    }
-    setReturn(result.first, result.second);
+  void publish(const std::string& name, Method method) {
+    functionName(name, "Calculator", "");
     bindMethod(method);
   }
-  void report(const std::function<void()>& change) {
-    {
-      std::lock_guard<std::mutex> guard(mutex_);
-      change();
-    }
-    changed_.notify_all();
-  }
-
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int holdsStarted_ = 0;
-  int ownTaskId_ = -2;
 };
 
-// A module whose typed calls go through its generic dispatch.
-class GenericCalculator : public Calculator {
- public:
-  GenericCalculator(const std::shared_ptr<KXBroker>& broker, const std::string& name)
-      : Calculator(broker, name) {
-    setRequiresGenericDispatch(true);
-  }
-};
-
-// One entry answering two forms: bound as `name`(string, int) with the int optional, its
-// typed face is the one-argument form. Each way in says which it was: "typed ann",
-// "generic ann, 2 arguments".
-class TwoFormFunctor final : public detail::KXTypedFunctor<std::string, std::string> {
- public:
+// Answers `name`(string[, int]) through one entry whose typed face is the one-argument
+// form; each way in says which it was: "typed ann", "generic ann, 2 arguments".
+struct TwoFormFunctor final : detail::KXTypedFunctor<std::string, std::string> {
   static std::shared_ptr<TwoFormFunctor> bind(KXModuleCore& module, const std::string& name) {
     auto functor = std::make_shared<TwoFormFunctor>();
     module.functionName(name, "Calculator", "Answers one or two arguments");
@@ -207,10 +173,7 @@ class TwoFormFunctor final : public detail::KXTypedFunctor<std::string, std::str
     result = "generic " + static_cast<const std::string&>(params[0]) + ", " +
              std::to_string(params.getSize()) + " arguments";
   }
-  std::string invoke(const std::string& name) override {
-    ++typedCalls;
-    return "typed " + name;
-  }
+  std::string invoke(const std::string& name) override { return ++typedCalls, "typed " + name; }
   std::atomic<int> typedCalls{0};
   std::atomic<int> genericCalls{0};
 };
@@ -219,9 +182,8 @@ class TwoFormFunctor final : public detail::KXTypedFunctor<std::string, std::str
 class BrokerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    static std::atomic<int> counter{0};
-    broker_ = KXBroker::createBroker("proxyTestBroker" + std::to_string(++counter), "127.0.0.1", 0,
-                                     "", 0, KXBroker::kKeepAlive, "", false);
+    broker_ = KXBroker::createBroker("proxyTestBroker", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive,
+                                     "", false);
   }
   void TearDown() override {
     if (broker_) broker_->shutdown();
