@@ -33,6 +33,7 @@ def test_a_timeline_driven_from_python_while_the_host_drops_it(root_broker):
     timeline = box.getTimeline()
     assert (box.hasTimeline(), box.hasParentTimeline()) == (True, False)
     assert (timeline.getSize(), timeline.getFPS()) == (100, 25)
+
     def frame():
         return manager.pythonCall(["getTimelineFrame", "Timed"])
 

@@ -118,7 +118,8 @@ def test_pages_of_another_origin_change_nothing_and_the_brokers_own_page_works(
     from test_pages import call_from_page
 
     port = start_broker(start_program, tmp_path)
-    base, files, site = f"http://127.0.0.1:{port}", tmp_path / "Korvane/velmo/tmp", tmp_path / "site"
+    base, site = f"http://127.0.0.1:{port}", tmp_path / "site"
+    files = tmp_path / "Korvane" / "velmo" / "tmp"
     files.mkdir(parents=True)
     (files / "evil.txt").write_text("kept")
     site.mkdir()
@@ -131,7 +132,8 @@ def test_pages_of_another_origin_change_nothing_and_the_brokers_own_page_works(
 <script>
 Promise.allSettled([fetch("{base}{url_call('fetch')}", {{mode: "no-cors"}}),
   fetch("{base}/tmp/evil.txt", {{method: "PUT", body: "evil"}}),
-  fetch("{base}/tmp/evil.txt", {{method: "DELETE"}})]).then(() => {{ document.title = "settled"; }});
+  fetch("{base}/tmp/evil.txt", {{method: "DELETE"}})])
+  .then(() => {{ document.title = "settled"; }});
 </script></body></html>""")
     server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), functools.partial(
         http.server.SimpleHTTPRequestHandler, directory=str(site)))
@@ -166,19 +168,16 @@ Promise.allSettled([fetch("{base}{url_call('fetch')}", {{mode: "no-cors"}}),
     assert stored(port, "own") == 7
 
 
-CHILD = """
-import sys, ivelmo
+CHILD = f"""
+import sys
+sys.path.insert(0, {os.path.dirname(__file__)!r})
+import ivelmo
+from conftest import Calc
 try:
-    ivelmo.broker("tokenchild", "127.0.0.1", 0, "127.0.0.1", {parent})
+    ivelmo.broker("tokenchild", "127.0.0.1", 0, "127.0.0.1", {{parent}})
 except RuntimeError as error:
     print("REFUSED", str(error).replace("\\n", " "), flush=True)
     sys.exit(3)
-class Calc(ivelmo.module):
-    def __init__(self, name):
-        ivelmo.module.__init__(self, name)
-        self.BIND_PYTHON(name, "add")
-    def add(self, a, b):
-        return a + b
 Calc("Calc")
 ivelmo.getMemoryProxy().insertData("fromChild", 5)
 print("SERVING", flush=True)

@@ -6,7 +6,6 @@ import time
 import pytest
 
 import velmo
-from conftest import run_python
 
 
 @pytest.fixture
@@ -25,6 +24,9 @@ class Calc(velmo.Module):
     def echo(self, *values):
         return list(values)
 
+    def six(self, a, b, c, d, e, f):
+        return [a, f]
+
     def fail(self):
         raise ValueError("bad input")
 
@@ -37,16 +39,6 @@ def calc(broker):
     module = Calc("Calc")
     yield module
     module.exit()
-
-
-def test_a_module_is_called_from_a_child_process(calc, broker):
-    done = run_python(f"""
-        import velmo
-        with velmo.Broker("pychild", parent="127.0.0.1:{broker.port}"):
-            print("RESULT", repr(velmo.Proxy("Calc").echo(1, "x", b"\\x00")))
-    """)
-    assert done.returncode == 0, done.stdout + done.stderr
-    assert "RESULT [1, 'x', b'\\x00']" in done.stdout.splitlines()
 
 
 def test_a_subscription_receives_every_value_in_order(broker):
@@ -69,7 +61,7 @@ def test_a_subscription_receives_every_value_in_order(broker):
 
 def test_methods_are_called_listed_and_described_as_python_functions(calc):
     proxy = velmo.Proxy("Calc")
-    assert (proxy.add(40, 2), proxy.echo()) == (42, [])
+    assert (proxy.add(40, 2), proxy.echo(), proxy.six(*range(6))) == (42, [], [0, 5])
     assert {"add", "echo", "fail", "getMethodList", "ping"} <= set(dir(proxy))
     assert "_hidden" not in dir(proxy)
     assert proxy.getModuleHelp() == ["Adds and fails."]
@@ -93,39 +85,23 @@ def test_a_parallel_call_is_waited_for_and_stopped(broker):
     assert (raised.value.module, raised.value.method) == ("KXTaskMonitor", "stop")
 
 
-class Forbidden(velmo.Module):
-    def call(self):
-        pass
-
-
 @pytest.mark.parametrize("call, module, method, description", [
     (lambda: velmo.Proxy("Calc").fail(), "KXPythonModule", "execute",
      "<class 'ValueError'>\nbad input"),
     (lambda: velmo.Proxy("Calc").absent(1), "Calc", "absent",
      "Function absent does not exist in module Calc"),
     (lambda: velmo.Proxy("Absent"), "KXProxy", "constructor", "Module 'Absent' not found."),
-    (lambda: Forbidden("Forbidden"), "Forbidden", "call",
-     "Cannot bind this method because the name is forbidden. Forbidden names include "
-     "subscribeToTask, post, pCall and call"),
 ])
 def test_framework_errors_carry_their_parts(calc, call, module, method, description):
     with pytest.raises(velmo.Error) as raised:
         call()
     error = raised.value
-    assert isinstance(error, RuntimeError) and str(error) == f"\t{module}::{method}\n\t{description}"
+    assert isinstance(error, RuntimeError)
+    assert str(error) == f"\t{module}::{method}\n\t{description}"
     assert (error.module, error.method, error.description) == (module, method, description)
 
 
-def test_methods_take_at_most_six_parameters(broker):
-    class Six(velmo.Module):
-        def six(self, a, b, c, d, e, f):
-            pass
-
-    module = Six("Six")
-    try:
-        assert velmo.Proxy("Six").getMethodHelp("six")[2][::2] == list("abcdef")
-    finally:
-        module.exit()
+def test_a_method_of_seven_parameters_is_refused_when_its_class_is_defined():
     with pytest.raises(TypeError, match=r"Seven.seven takes 7 parameters; .* at most 6"):
         class Seven(velmo.Module):
             def seven(self, a, b, c, d, e, f, g):
