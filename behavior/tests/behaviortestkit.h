@@ -1,12 +1,11 @@
-// The behaviour tests' kit: a broker per test, a box that records what its input
-// receives, and the text of a KXError.
+// The behaviour tests' kit: a broker per test hosting the standard modules and a behaviour
+// host, a box that records its input and its loading, and the text of a KXError.
 #ifndef VELMO_BEHAVIOR_TESTS_BEHAVIORTESTKIT_H_
 #define VELMO_BEHAVIOR_TESTS_BEHAVIORTESTKIT_H_
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -14,73 +13,86 @@
 #include <vector>
 
 #include "behavior/kxbehavior.h"
+#include "behavior/kxbehaviormanager.h"
 #include "broker/kxbroker.h"
 #include "memory/kxmemory.h"
+#include "memory/kxresourcemanager.h"
 #include "memory/kxstandardmodules.h"
-#include "value/kxvalue.h"
+#include "thread/tests/thread_test_support.h"
+#include "value/tests/value_test_util.h"
 
 namespace KX {
 namespace testing {
 
-constexpr std::chrono::seconds kDeliveryTimeout{30};
+using Strings = std::vector<std::string>;
+using testing_util::arrayOf;
+using testing_util::errorText;
 
 inline std::string kxError(const std::string& module, const std::string& method,
                            const std::string& description) {
   return "\t" + module + "::" + method + "\n\t" + description;
 }
 
-// A box whose input "onData" records every value it receives.
+// A broker of this process under a name of its own.
+inline std::shared_ptr<KXBroker> newBroker() {
+  static std::atomic<int> counter{0};
+  return KXBroker::createBroker("behaviorTest" + std::to_string(++counter), "127.0.0.1", 0, "", 0,
+                                KXBroker::kKeepAlive, "", false);
+}
+
+// A box with an input "onData" and the methods onLoad and onUnload: it records their calls
+// (the value, or the box's state), refusing onLoad and onUnload while `failing`.
 class RecordingBox : public KXBehavior {
  public:
   RecordingBox(const std::shared_ptr<KXBroker>& broker, const std::string& name)
       : KXBehavior(broker, name) {
-    functionName("onInput_onData__", "RecordingBox", "Records the value.");
-    addParam("value", "the value received");
-    bindMethod(&RecordingBox::onData);
+    for (const char* method : {"onInput_onData__", "onLoad", "onUnload"}) {
+      functionName(method, "RecordingBox", "Recorded by execute");
+      bindMethod(&RecordingBox::isLoaded);  // found by the host; execute answers the calls
+    }
   }
-  void onData(const KXValue& value) {
-    if (!isEnabled()) return;  // an input method may use its own box
+  void execute(const std::string& method, const KXValue& params, KXValue& result) override {
+    if (method != "onInput_onData__" && method != "onLoad" && method != "onUnload") {
+      return KXBehavior::execute(method, params, result);
+    }
     std::lock_guard<std::mutex> lock(mutex_);
-    received_.push_back(value);
+    records_.push_back(method[2] == 'I' ? params[0].toString()
+                                        : method + " loaded=" + std::to_string(isLoaded()) +
+                                              " stopped=" + std::to_string(isBoxStopped()));
     changed_.notify_all();
+    if (failing && method[2] != 'I') KX_THROW("RecordingBox", method, "refused");
   }
-  // The values received, once `count` have arrived or after `timeout` (then fewer).
-  std::vector<KXValue> waitFor(std::size_t count, std::chrono::seconds timeout) {
+  // What was recorded, once `count` records are there or the patience is over.
+  Strings waitFor(std::size_t count) {
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, timeout, [&] { return received_.size() >= count; });
-    return received_;
+    changed_.wait_for(lock, kPatience, [&] { return records_.size() >= count; });
+    return records_;
   }
+  bool failing = false;
 
  private:
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::vector<KXValue> received_;
+  Strings records_;
 };
 
-// A broker of this process under a name of its own, with the standard modules or not.
-class BrokerTest : public ::testing::Test {
+class BoxTest : public ::testing::Test {
  protected:
-  explicit BrokerTest(bool withStandardModules = true) : standard_(withStandardModules) {}
   void SetUp() override {
-    static std::atomic<int> counter{0};
-    broker_ = KXBroker::createBroker("behaviorTest" + std::to_string(++counter), "127.0.0.1", 0, "",
-                                     0, KXBroker::kKeepAlive, "", false);
-    if (standard_) addStandardModules(broker_);
+    broker_ = newBroker();
+    addStandardModules(broker_);
+    addBehaviorManager(broker_);
   }
   void TearDown() override { broker_->shutdown(); }
-  std::shared_ptr<KXMemory> memory() const {
-    return std::dynamic_pointer_cast<KXMemory>(broker_->getModuleCore("KXMemory"));
+  template <typename Module>
+  std::shared_ptr<Module> module(const std::string& name) const {
+    return std::dynamic_pointer_cast<Module>(broker_->getModuleCore(name));
   }
-  const bool standard_;
+  std::shared_ptr<KXBehaviorManager> host() const {
+    return module<KXBehaviorManager>("KXBehaviorManager");
+  }
   std::shared_ptr<KXBroker> broker_;
 };
-
-class BareBrokerTest : public BrokerTest {
- protected:
-  BareBrokerTest() : BrokerTest(false) {}
-};
-
-using BoxTest = BrokerTest;
 
 }  // namespace testing
 }  // namespace KX

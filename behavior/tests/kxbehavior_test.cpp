@@ -1,234 +1,271 @@
-// Boxes wired through KXMemory, their subscriptions, parameters, resources, timelines and
-// published methods; every line a box logs and every error it raises, word for word.
+// Boxes wired through KXMemory (inputs, parameters, resources), the host that loads and
+// links them and gives them timelines, the timeline on a clock of the test's own, and every
+// error they raise and line they log, word for word.
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <future>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <utility>
-#include <vector>
 
-#include "behavior/kxbehavior.h"
+#include "behavior/kxsimpletimeline.h"
 #include "behavior/tests/behaviortestkit.h"
-#include "broker/kxbroker.h"
 #include "log/tests/logtestsupport.h"
-#include "memory/kxmemory.h"
-#include "memory/kxresourcemanager.h"
-#include "memory/kxstandardmodules.h"
-#include "value/tests/value_test_util.h"
 
 namespace KX {
 namespace testing {
 namespace {
 
-using testing_util::arrayOf;
-using testing_util::errorText;
+using namespace std::chrono_literals;
 
-TEST_F(BoxTest, AFailedInputDoesNotKeepTheOtherInputsFromRunning) {
-  auto box = createModule<RecordingBox>(broker_, "Box");
-  box->addInput("missing");  // no method "onInput_missing__"
-  box->addInput("onData");
-  box->connectInput("missing", "E");
-  box->connectInput("onData", "E");
-  box->dataChanged("Other", KXValue(4), "");  // linked to no input
-  box->dataChanged("E", KXValue(5), "");
-  EXPECT_EQ(box->waitFor(2, std::chrono::seconds(0)), (std::vector<KXValue>{KXValue(5)}));
+// Linked twice, once subscribed; an input that fails (no method) stops no other.
+TEST_F(BoxTest, ALinkedOutputReachesEachInputOnce) {
+  auto sender = createModule<KXBehavior>(broker_, "Sender");
+  sender->addOutput("out", false);
+  auto receiver = createModule<RecordingBox>(broker_, "Receiver");
+  receiver->addInput("missing");
+  receiver->addInput("onData");
+  for (const char* input : {"missing", "onData", "onData"}) {
+    host()->linkBehaviors("Sender", "out", "Receiver", input);
+  }
+  EXPECT_EQ(module<KXMemory>("KXMemory")->getSubscribers("Sender__out"), Strings{"Receiver"});
+  receiver->dataChanged("Other", KXValue(6), "");  // linked to no input
+  sender->stimulateIO("out", KXValue(7));
+  sender->stimulateIO("out", KXValue(8));
+  EXPECT_EQ(receiver->waitFor(2), (Strings{"7", "8"}));
 }
 
 TEST_F(BoxTest, ADestroyedBoxLeavesNoneOfItsMicroEvents) {
+  auto memory = module<KXMemory>("KXMemory");
   auto box = createModule<KXBehavior>(broker_, "Box");
   box->addInput("onStart");
   box->addOutput("onStopped", false);
   for (const char* io : {"onLoad", "onStart", "onStopped"}) box->stimulateIO(io, KXValue(1));
   box->_connectOutput("Other__out");
-  memory()->raiseMicroEvent("Other__out", KXValue(2));
-  ASSERT_EQ(memory()->getMicroEventList().size(), 4u);
+  memory->raiseMicroEvent("Other__out", KXValue(2));
+  ASSERT_EQ(memory->getMicroEventList().size(), 4u);
   box->exit();
   box.reset();
-  EXPECT_EQ(memory()->getMicroEventList(), (std::vector<std::string>{"Other__out"}));
-  EXPECT_TRUE(memory()->getSubscribers("Other__out").empty());
+  EXPECT_EQ(memory->getMicroEventList(), Strings{"Other__out"});
+  EXPECT_EQ(memory->getSubscribers("Other__out"), Strings{});
 }
 
-TEST_F(BoxTest, WaitResourceFreeThrowsWhenTheBoxIsStoppedDuringTheWait) {
-  auto manager =
-      std::dynamic_pointer_cast<KXResourceManager>(broker_->getModuleCore("KXResourceManager"));
+TEST_F(BoxTest, ABoxTakesItsResourcesAndAStopEndsItsWaitForThem) {
+  auto manager = module<KXResourceManager>("KXResourceManager");
   manager->createResource("legs", "");
-  manager->waitForResource("legs", "Someone", "", 0);
   auto box = createModule<KXBehavior>(broker_, "Box");
   box->setResources({"legs"}, 0);
+  box->waitResources();
+  EXPECT_TRUE(manager->areResourcesOwnedBy({"legs"}, "Box"));
+  box->releaseResource();
+  manager->waitForResource("legs", "Someone", "", 0);
   auto text =
       std::async(std::launch::async, [&] { return errorText([&] { box->waitResourceFree(); }); });
   box->setBoxStopped(true);
-  if (text.wait_for(kDeliveryTimeout) != std::future_status::ready) {
+  if (text.wait_for(kPatience) != std::future_status::ready) {
     ADD_FAILURE() << "the stop did not end the wait";
     manager->releaseResource("legs", "Someone");  // lets the waiter return
   }
   EXPECT_EQ(text.get(), kxError("KXBehavior", "waitResourceFree", "Box stopped during wait"));
 }
 
-TEST_F(BoxTest, ParametersComeFromTheBoxOrItsParent) {
-  auto parent = createModule<KXBehavior>(broker_, "Parent");
-  auto child = createModule<KXBehavior>(broker_, "Child");
-  parent->addParameter("speed", KXValue(3), false);
-  child->addParameter("speed", KXValue(1), true);
-  child->addParameter("own", KXValue(2), false);
-  child->setParentFromName("Parent");
-  EXPECT_THROW(parent->setParentFromName("Child"), KXError);  // a cycle
-  EXPECT_EQ(child->getParameter("speed"), KXValue(3));
-  EXPECT_EQ(child->getParameter("own"), KXValue(2));
-  child->setParameter("speed", KXValue(9));  // inherited: not set
-  EXPECT_EQ(child->getParameter("speed"), KXValue(3));
-}
-
-using tu::log::testing::LogCapture;
-
-struct Scene {
-  KXBehavior& box;
-  KXMemory& memory;
-};
-
-struct LogCase {
-  std::string function;  // of KX::KXBehavior
-  std::function<void(const Scene&)> action;
-  tu::log::LogLevel level;
-  std::string category;
-  std::string message;
-};
-void PrintTo(const LogCase& c, std::ostream* os) { *os << c.function; }
-
-class BoxLogLineTest : public BrokerTest, public ::testing::WithParamInterface<LogCase> {};
-
-// Box "Box" (unloaded) with own parameter "p", inherited "i", input "missing" (no method)
-// linked to "E", output "out" linked to a missing module; its parent "Parent" has "q".
-TEST_P(BoxLogLineTest, LogsTheLine) {
-  const LogCase& c = GetParam();
-  auto parent = createModule<KXBehavior>(broker_, "Parent");
-  parent->addParameter("q", KXValue(1), false);
-  auto box = createModule<KXBehavior>(broker_, "Box");
-  box->setParentFromName("Parent");
-  box->addParameter("p", KXValue(1), false);
-  box->addParameter("i", KXValue(1), true);
-  box->addInput("missing");
-  box->connectInput("missing", "E");
-  box->addOutput("out", false);
-  box->addOutputLink("out", "Nobody", "m");
-  LogCapture capture;
-  try {
-    c.action({*box, *memory()});
-  } catch (const KXError&) {  // some cases log, then refuse: only the line matters here
-  }
-  const auto records = capture.withFunction("KX::KXBehavior::" + c.function);
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].level, c.level);
-  EXPECT_EQ(records[0].category, c.category);
-  EXPECT_EQ(records[0].message, c.message + "\n");
-}
-
-constexpr auto kWarning = tu::log::warning;
-constexpr auto kError = tu::log::error;
-const std::string kBox = "behavior.box";
-
-const LogCase kLogCases[] = {
-    {"getParameter", [](const Scene& s) { s.box.getParameter("p"); }, kWarning, kBox,
-     "Box::getParameter(p)  shall not be called when the box is unloaded. You should call it in "
-     "onLoad method."},
-    {"getParameter",
-     [](const Scene& s) {
-       s.box.setLoaded(true);
-       s.box.getParameter("q");
-     },
-     kWarning, kBox,
-     "Box: getParameter(q) of a parentBox without redefining it, is deprecated. You should define "
-     "it in the box which uses it and set it as inherit from parent"},
-    {"setParameter", [](const Scene& s) { s.box.setParameter("i", KXValue(2)); }, kWarning, kBox,
-     "Box: setParameter: The parameter you are trying to set is inherited from parent."},
-    {"setParameters", [](const Scene& s) { s.box.setParameters(arrayOf()); }, kWarning, kBox,
-     "Box::setParameters is deprecated. You should iterate on setParameter instead."},
-    {"isResourceFree", [](const Scene& s) { s.box.isResourceFree({}); }, kWarning, kBox,
-     "Box::isResourceFree is deprecated. You should rather use Ordavia standard Resources."},
-    {"addOutputLink", [](const Scene& s) { s.box.addOutputLink("out", "Parent", "m"); }, kWarning,
-     kBox, "Box::addOutputLink is deprecated. You should rather create a link with Ordavia."},
-    {"removeOutputLink", [](const Scene& s) { s.box.removeOutputLink("out", "Parent", "m"); },
-     kWarning, kBox,
-     "Box::removeOutputLink is deprecated. You should rather create a link with Ordavia."},
-    {"waitFor", [](const Scene& s) { s.box.waitFor({}, "", 0); }, kWarning, kBox,
-     "Box::waitFor is deprecated. You should rather use onStart input to wait for resources."},
-    {"dataChanged", [](const Scene& s) { s.box.dataChanged("E", KXValue(1), ""); }, kError, kBox,
-     "Box Failed to call input: " +
-         kxError("Box", "onInput_missing__",
-                 "Function onInput_missing__ does not exist in module Box")},
-    {"dataChanged", [](const Scene& s) { s.box.dataChanged("Box__out", KXValue(1), ""); }, kError,
-     kBox,
-     "Box: Failed to call output: \"" +
-         kxError("KXProxy", "constructor", "Module 'Nobody' not found.")},
-    {"_connectOutput",
-     [](const Scene& s) {
-       s.memory.exit();
-       s.box._connectOutput("F");
-     },
-     kError, "behavior",
-     "Box : cannot subscribe to F e=" +
-         kxError("KXMemory", "subscribeToMicroEvent", "The underlying module is invalid.")},
-};
-
-INSTANTIATE_TEST_SUITE_P(Lines, BoxLogLineTest, ::testing::ValuesIn(kLogCases),
-                         [](const auto& info) {
-                           return info.param.function + std::to_string(info.index);
-                         });
-
-TEST_F(BoxTest, ErrorsCarryTheirTexts) {
+TEST_F(BoxTest, RefusalsCarryTheirTexts) {
   createModule<KXBehavior>(broker_, "Parent");
   auto box = createModule<KXBehavior>(broker_, "Box");
   box->addParameter("p", KXValue(1), false);
+  createModule<KXBehavior>(broker_, "Child")->setParentFromName("Box");
   const auto unregistered = std::make_shared<KXBehavior>(broker_, "Unregistered");
+  const auto bare = newBroker();
+  const auto lonely = createModule<KXBehavior>(bare, "Lonely");  // without KXMemory
+  KXSimpleTimeline timeline(100, 10);
+  const std::string notABox = "\" is not a box of the broker " + broker_->getName() + ".";
+  const std::string parent = "Could not define a parent ofBox: parent ";
+  const std::string rate = "The rate must be at least 1 frame per second.";
+  const std::string outside = " is outside the timeline (1 to 100).";
   const struct {
     std::function<void()> action;
-    std::string method;
-    std::string description;
+    std::string where, text;
   } cases[] = {
-      {[&] { box->getParameter("x"); }, "getParameter", "Parameter \"x\" does not exist."},
-      {[&] { box->setParameter("x", KXValue(1)); }, "setParameter",
+      {[&] { box->getParameter("x"); }, "KXBehavior::getParameter",
        "Parameter \"x\" does not exist."},
-      {[&] { box->setParameter("p", KXValue()); }, "setParameter",
+      {[&] { box->setParameter("x", KXValue(1)); }, "KXBehavior::setParameter",
+       "Parameter \"x\" does not exist."},
+      {[&] { box->setParameter("p", KXValue()); }, "KXBehavior::setParameter",
        "Cannot set parameter to invalid value."},
-      {[&] { box->setParameters(arrayOf(arrayOf("p"))); }, "setParameters",
+      {[&] { box->setParameters(arrayOf(arrayOf("p"))); }, "KXBehavior::setParameters",
        "KXValue is not at the expected format : [[name, value]]"},
-      {[&] { box->setParentFromName("Nobody"); }, "setParentFromName",
-       "Could not define a parent ofBox: parent does not exist."},
-      {[&] { box->setParentFromName("KXMemory"); }, "setParentFromName",
-       "Could not define a parent ofBox: parent is not a valid KXBehavior."},
-      {[&] { box->setParentFromName("Box"); }, "setParentFromName",
-       "Could not define a parent ofBox: parent would make a cycle."},
-      {[&] { unregistered->dataChanged("E", KXValue(1), ""); }, "dataChanged",
+      {[&] { box->setParentFromName("Nobody"); }, "KXBehavior::setParentFromName",
+       parent + "does not exist."},
+      {[&] { box->setParentFromName("KXMemory"); }, "KXBehavior::setParentFromName",
+       parent + "is not a valid KXBehavior."},
+      // Once accepted: parameter look-ups then went round the cycle for ever.
+      {[&] { box->setParentFromName("Child"); }, "KXBehavior::setParentFromName",
+       parent + "would make a cycle."},
+      {[&] { unregistered->dataChanged("E", KXValue(1), ""); }, "KXBehavior::dataChanged",
        "This behavior has no proxy to itself, unable to use notification from KXMemory..."},
-      {[&] { box->connectInput("x", "E"); }, "connectInput", "Input \"x\" does not exist."},
-      {[&] { box->addOutputLink("x", "Parent", "m"); }, "addOutputLink",
+      {[&] { host()->linkBehaviors("Box", "out", "Box", "x"); }, "KXBehavior::connectInput",
+       "Input \"x\" does not exist."},
+      {[&] { box->addOutputLink("x", "Parent", "m"); }, "KXBehavior::addOutputLink",
        "Output \"x\" does not exist."},
+      {[&] { lonely->_connectOutput("E"); }, "KXBehavior::connectOutput",
+       "Cannot add output link, as there is no proxy to KXMemory"},
+      {[&] { lonely->stimulateIO("out", KXValue(1)); }, "KXBehavior::stimulateIO",
+       "Cannot raise event, as there is no proxy to KXMemory"},
+      {[&] { host()->loadBehavior("KXMemory"); }, "KXBehaviorManager::loadBehavior",
+       "\"KXMemory" + notABox},
+      {[&] { host()->unloadBehavior("Nobody"); }, "KXBehaviorManager::unloadBehavior",
+       "\"Nobody" + notABox},
+      {[&] { host()->getTimelineFrame("Box"); }, "KXBehaviorManager::getTimelineFrame",
+       "The box \"Box\" has no timeline."},
+      {[&] { host()->setTimeline("Box", 0, 25); }, "KXSimpleTimeline::KXSimpleTimeline",
+       "A timeline has at least 1 frame."},
+      {[] { KXSimpleTimeline(10, 0); }, "KXSimpleTimeline::KXSimpleTimeline", rate},
+      {[&] { timeline.setFPS(-1); }, "KXSimpleTimeline::setFPS", rate},
+      {[&] { timeline.goTo(0); }, "KXSimpleTimeline::goTo", "Frame 0" + outside},
+      {[&] { timeline.goTo(101); }, "KXSimpleTimeline::goTo", "Frame 101" + outside},
+      {[&] { timeline.addLabel("x", 101); }, "KXSimpleTimeline::addLabel", "Frame 101" + outside},
+      {[&] { timeline.goTo(std::string("no")); }, "KXSimpleTimeline::goTo",
+       "Label \"no\" does not exist."},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(errorText(c.action), kxError("KXBehavior", c.method, c.description));
+  for (const auto& c : cases) EXPECT_EQ(errorText(c.action), "\t" + c.where + "\n\t" + c.text);
+  EXPECT_EQ(timeline.getCurrentFrame() * 1000 + timeline.getFPS(), 1010);  // left as it was
+  bare->shutdown();
 }
 
-TEST_F(BareBrokerTest, ABoxWithoutMemoryIsLoggedAndCannotLinkOrStimulate) {
-  LogCapture capture;
-  auto box = createModule<KXBehavior>(broker_, "Box");
-  const auto records = capture.withFunction("KX::KXBehavior::KXBehavior");
+// Box "Box" (unloaded) with own parameter "p", inherited "i", input "missing" (no method)
+// linked to "E", output "out" linked to a missing module; its parent "Parent" has "i", "q".
+TEST_F(BoxTest, EveryLogLineCarriesItsTextAndParametersComeFromTheBoxOrItsParent) {
+  tu::log::testing::LogCapture capture;
+  auto parent = createModule<KXBehavior>(broker_, "Parent");
+  parent->addParameter("q", KXValue(1), false);
+  parent->addParameter("i", KXValue(7), false);
+  auto b = createModule<KXBehavior>(broker_, "Box");
+  b->setParentFromName("Parent");
+  b->addParameter("p", KXValue(1), false);
+  b->addParameter("i", KXValue(1), true);
+  b->addInput("missing");
+  b->connectInput("missing", "E");
+  b->addOutput("out", false);
+  b->addOutputLink("out", "Nobody", "m");
+  const auto bare = newBroker();
+  const std::string deprecated = " is deprecated. You should ";
+  const std::string W = "warning behavior.box ", E = "error behavior.box ";
+  const struct {
+    std::string function;  // of KX::KXBehavior
+    std::function<void()> action;
+    std::string line;  // level, category, message
+  } cases[] = {
+      {"KXBehavior", [&] { createModule<KXBehavior>(bare, "Lonely"); },
+       E + "Lonely Cannot create proxy to KXMemory !"},
+      {"getParameter", [&] { b->getParameter("p"); },
+       W + "Box::getParameter(p)  shall not be called when the box is unloaded. You should call "
+           "it in onLoad method."},
+      {"getParameter", [&] { b->setLoaded(true), b->getParameter("q"); },
+       W + "Box: getParameter(q) of a parentBox without redefining it, is deprecated. You should "
+           "define it in the box which uses it and set it as inherit from parent"},
+      {"setParameter", [&] { b->setParameter("i", KXValue(2)); },
+       W + "Box: setParameter: The parameter you are trying to set is inherited from parent."},
+      {"setParameters", [&] { b->setParameters(arrayOf()); },
+       W + "Box::setParameters" + deprecated + "iterate on setParameter instead."},
+      {"isResourceFree", [&] { b->isResourceFree({}); },
+       W + "Box::isResourceFree" + deprecated + "rather use Ordavia standard Resources."},
+      {"waitFor", [&] { b->waitFor({}, "", 0); },
+       W + "Box::waitFor" + deprecated + "rather use onStart input to wait for resources."},
+      {"dataChanged", [&] { b->dataChanged("E", KXValue(1), ""); },
+       E + "Box Failed to call input: " +
+           kxError("Box", "onInput_missing__",
+                   "Function onInput_missing__ does not exist in module Box")},
+      {"dataChanged", [&] { b->dataChanged("Box__out", KXValue(1), ""); },
+       E + "Box: Failed to call output: \"" +
+           kxError("KXProxy", "constructor", "Module 'Nobody' not found.")},
+      {"addOutputLink", [&] { b->addOutputLink("out", "Parent", "m"); },
+       W + "Box::addOutputLink" + deprecated + "rather create a link with Ordavia."},
+      {"removeOutputLink", [&] { b->removeOutputLink("out", "Parent", "m"); },
+       W + "Box::removeOutputLink" + deprecated + "rather create a link with Ordavia."},
+      {"_connectOutput", [&] { module<KXMemory>("KXMemory")->exit(), b->_connectOutput("F"); },
+       "error behavior Box : cannot subscribe to F e=" +
+           kxError("KXMemory", "subscribeToMicroEvent", "The underlying module is invalid.")},
+  };
+  for (const auto& c : cases) {
+    const std::size_t before = capture.withFunction("KX::KXBehavior::" + c.function).size();
+    c.action();
+    const auto records = capture.withFunction("KX::KXBehavior::" + c.function);
+    ASSERT_EQ(records.size(), before + 1) << c.line;
+    EXPECT_EQ((records.back().level == tu::log::warning ? "warning " : "error ") +
+                  records.back().category + " " + records.back().message,
+              c.line + "\n");
+  }
+  EXPECT_EQ(b->getParameter("i"), KXValue(7));  // the parent's, never set in the box
+  EXPECT_EQ(b->getParameter("p"), KXValue(1));
+  bare->shutdown();
+}
+
+TEST_F(BoxTest, TheHostLoadsAndUnloadsBoxesCallingThemInOrder) {
+  auto box = createModule<RecordingBox>(broker_, "Box");
+  auto plain = createModule<KXBehavior>(broker_, "Plain");  // no onLoad: loads all the same
+  box->setBoxStopped(true);
+  host()->loadBehavior("Box");
+  host()->loadBehavior("Plain");
+  EXPECT_TRUE(plain->isLoaded());
+  EXPECT_EQ(host()->getLoadedBehaviors(), (Strings{"Box", "Plain"}));
+  host()->unloadBehavior("Box");
+  // A failing onLoad leaves the box unloaded; a failing onUnload is logged, the box unloaded.
+  box->failing = true;
+  EXPECT_EQ(errorText([&] { host()->loadBehavior("Box"); }),
+            kxError("RecordingBox", "onLoad", "refused"));
+  box->setLoaded(true);
+  tu::log::testing::LogCapture capture;
+  host()->unloadBehavior("Box");
+  EXPECT_FALSE(box->isLoaded());
+  const auto records = capture.withFunction("KX::KXBehaviorManager::unloadBehavior");
   ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].level, tu::log::error);
-  EXPECT_EQ(records[0].category, "behavior.box");
-  EXPECT_EQ(records[0].message, "Box Cannot create proxy to KXMemory !\n");
-  EXPECT_EQ(errorText([&] { box->_connectOutput("E"); }),
-            kxError("KXBehavior", "connectOutput",
-                    "Cannot add output link, as there is no proxy to KXMemory"));
-  EXPECT_EQ(
-      errorText([&] { box->stimulateIO("out", KXValue(1)); }),
-      kxError("KXBehavior", "stimulateIO", "Cannot raise event, as there is no proxy to KXMemory"));
+  EXPECT_EQ(records[0].message,
+            "Box: onUnload failed: " + kxError("RecordingBox", "onUnload", "refused") + "\n");
+  EXPECT_EQ(box->waitFor(4), (Strings{"onLoad loaded=1 stopped=0", "onUnload loaded=1 stopped=1",
+                                      "onLoad loaded=1 stopped=0", "onUnload loaded=1 stopped=1"}));
+  EXPECT_EQ(host()->getLoadedBehaviors(), Strings{"Plain"});
+}
+
+TEST_F(BoxTest, TheHostOwnsTheTimelinesItGives) {
+  auto box = createModule<KXBehavior>(broker_, "Box");
+  auto child = createModule<KXBehavior>(broker_, "Child");
+  host()->setTimeline("Box", 50, 25);
+  host()->addTimelineLabel("Box", "middle", 25);
+  child->setParentFromName("Box");
+  box->getTimeline()->goTo(std::string("middle"));
+  EXPECT_EQ(host()->getTimelineFrame("Box"), 25);
+  EXPECT_EQ(child->getParentTimeline(), box->getTimeline());
+  host()->removeTimeline("Box");
+  EXPECT_FALSE(box->hasTimeline() || child->hasParentTimeline());
+}
+
+TEST(SimpleTimelineTest, FramesFollowTheClockWhilePlaying) {
+  KXSimpleTimeline::Clock::time_point now{};
+  KXSimpleTimeline timeline(100, 10, [&] { return now; });
+  timeline.addLabel("end", 90);
+  const struct {
+    std::function<void()> action;
+    std::chrono::milliseconds elapse;
+    int frame;
+    bool playing;
+  } steps[] = {
+      {[] {}, 5s, 1, false},  // not started
+      {[&] { timeline.play(); }, 1s, 11, true},
+      {[&] { timeline.pause(); }, 1s, 11, false},
+      {[&] { timeline.play(); }, 99ms, 11, true},  // not yet a whole frame
+      {[&] { timeline.setFPS(20); }, 500ms, 21, true},
+      {[&] { timeline.goTo(std::string("end")); }, 0s, 90, true},
+      {[] {}, 60s, 100, false},                     // stopped on the last frame
+      {[&] { timeline.play(); }, 1s, 100, false},   // nothing left to play
+      {[&] { timeline.goTo(40); }, 1s, 40, false},  // ended: stays put
+      {[&] { timeline.play(); }, 1s, 60, true},
+      {[&] { timeline.stop(); }, 1s, 1, false},
+  };
+  for (std::size_t i = 0; i < std::size(steps); ++i) {
+    steps[i].action();
+    now += steps[i].elapse;
+    EXPECT_EQ(timeline.getCurrentFrame(), steps[i].frame) << "step " << i;
+    EXPECT_EQ(timeline.isPlaying(), steps[i].playing) << "step " << i;
+  }
+  EXPECT_EQ(timeline.getFPS() * 1000 + timeline.getSize(), 20100);
 }
 
 }  // namespace
