@@ -1,5 +1,5 @@
-// Live brokers of one process: every operation carried out on a broker, its port spoken to by
-// hand for what only the running server does, and brokers talking over their network
+// Live brokers of one process: the operations only a broker carries out, its port spoken to
+// by hand for what only the running server does, and brokers talking over their network
 // services as brokers of different processes do, across real TCP connections on 127.0.0.1.
 #include "network/kxnetwork.h"
 
@@ -190,41 +190,26 @@ TEST_F(BrokerWireTest, EveryOperationIsCarriedOutOnTheAddressedBroker) {
   const std::string at = "|1|127.0.0.1:" + std::to_string(port_) + "|" + std::to_string(pid);
   const std::string childAt =
       "|1|127.0.0.1:" + std::to_string(child_->getPort()) + "|" + std::to_string(pid);
-  KXModuleInfo stranger;
-  stranger.name = "stranger";
   const std::string explore = "unable to explore to get a module by name for: '";
   const struct {
     Op op;
     std::vector<BrokerArg> args;
     std::vector<std::string> outcome;
   } cases[] = {
-      {Op::callVelmo, {"Calc"s, "add"s, args({2, 3})}, {"value 3 5"s}},
-      {Op::callVelmo2, {"Calc"s, "add"s, args({2, 3})}, {"value 3 2"s}},  // the task's id
       {Op::pCallVelmoN, {"Calc"s, 1, "add"s, ""s, ""s, ""s, args({1, 2})}, {}},
-      {Op::getModuleByName, {"Calc"s}, {"Calc" + at + "|module"s}},
       {Op::getModuleByName, {"Nowhere"s}, {"fault: unable to get module by name"s}},
-      {Op::exploreToGetModuleByName,
-       {"Deep"s, false, true, ""s, false},
-       {"Deep" + childAt + "|module"s}},
       {Op::exploreToGetModuleByName,
        {"Deep"s, false, true, "child"s, false},
        {"fault: " + explore + "Deep'"s}},
       {Op::getBrokerList,
        {},
        {"root" + at + "|broker|keepAlive"s, "child" + childAt + "|broker|keepAlive"s}},
-      {Op::registerBroker, {stranger}, {"0"s}},
-      {Op::unregisterBroker, {stranger}, {"0"s}},
-      {Op::getBrokerInfo, {}, {"root" + at + "|broker|keepAlive"s}},
       {Op::getMethodList, {"Nowhere"s}, {"fault: unable to get methods list"s}},
       {Op::init, {"other"s, "10.0.0.1"s, 9559, ""s, 0, false}, {"fault: unable to init broker"s}},
-      {Op::version, {}, {"'1.14'"s}},
-      {Op::sendBackIP, {}, {"'10.0.0.9'"s}},
-      {Op::getBrokerName, {}, {"'" + "root"s + "'"s}},
       {Op::getInfo, {"Calc"s}, {"Calc" + at + "|module"s}},
       {Op::getInfo, {"Nope"s}, {"fault: unable to get info from module"s}},
       {Op::stopTask, {123456}, {"-1"s}},
       {Op::stopTaskName, {"pcall: Calc::hold"s}, {"0"s}},
-      {Op::getDebugTaskList, {}, {"value 1 []"s}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(brokerOperationName(c.op));
@@ -262,7 +247,7 @@ TEST_F(BrokerWireTest, EveryOperationIsCarriedOutOnTheAddressedBroker) {
   carryOut(Op::unregisterModuleReference, {"Calc"s});  // drops the shared proxy
   EXPECT_NE(root_->getProxy("Calc"), before);
   carryOut(Op::pCallVelmo, {"Calc"s, "add"s, args({4, 5})});
-  EXPECT_TRUE(eventually([this] { return calc_->addCalls.load() == 3; }));  // not pCallVelmoN's
+  EXPECT_TRUE(eventually([this] { return calc_->addCalls.load() == 1; }));  // not pCallVelmoN's
 }
 
 // Both brokers live in this process: the port in the Host header decides which answers,
