@@ -52,10 +52,10 @@ def url_call(key):
     return "/?evalKXMemory.insertData(" + urllib.parse.quote(f'["{key}",42]') + ")"
 
 
-def start_broker(start_program, data_folder, token=None):
+def start_broker(start_program, data_folder, *options, token=None):
     """The broker program; files stored by PUT land in data_folder/Korvane/velmo/tmp."""
-    return start_velmo(start_program, "--name", "guarded", env={
-        "APPDATA": str(data_folder), **({"VELMO_TOKEN": token} if token else {})})[1]
+    return start_velmo(start_program, "--name", "guarded", *options, env={
+        "APPDATA": str(data_folder), **({"VELMO_TOKEN": token} if token else {})})
 
 
 OWN, FOREIGN = "own", "http://attacker.example"  # OWN: "127.0.0.1:<the broker's port>"
@@ -76,7 +76,7 @@ TABLE = [
 
 
 def test_requests_are_refused_before_they_change_anything(start_program, tmp_path):
-    port = start_broker(start_program, tmp_path, TOKEN)
+    _, port = start_broker(start_program, tmp_path, token=TOKEN)
     files = tmp_path / "Korvane" / "velmo" / "tmp"
     files.mkdir(parents=True)
     for number, (action, host, origin, site, token, expected) in enumerate(TABLE):
@@ -103,11 +103,28 @@ def test_requests_are_refused_before_they_change_anything(start_program, tmp_pat
         assert done == (expected == 200), row  # a refused request was once carried out
         if expected != 200:
             assert text.count("\n") == 1 and text.startswith(("Forbidden: ", "Unauthorized: ")), row
-    # Reading stays open to other sites' pages, but no preflight succeeds.
+    # Reading stays open to other sites' pages, but no preflight succeeds, nor HEAD.
     own = {"Host": f"127.0.0.1:{port}", "Authorization": f"Bearer {TOKEN}", "Origin": FOREIGN}
     assert ask(port, "GET", "/index.xml", own)[0] == 200
-    status, answer, _ = ask(port, "OPTIONS", "/", {**own, "Access-Control-Request-Method": "PUT"})
-    assert status == 405 and not [name for name in answer if name.startswith("Access-Control")]
+    for method in ("OPTIONS", "HEAD"):
+        status, answer, _ = ask(port, method, "/", {**own, "Access-Control-Request-Method": "PUT"})
+        assert status == 405 and not [name for name in answer if name.startswith("Access-Control")]
+    # The link a person opens with the token sets the cookie that stands for it from then on.
+    status, answer, _ = ask(port, "GET", f"/?token={TOKEN}", {"Host": f"127.0.0.1:{port}"})
+    assert (status, answer["Location"]) == (303, "/")
+    assert answer["Set-Cookie"] == f"velmo-token-{port}={TOKEN}; Path=/; HttpOnly; SameSite=Strict"
+    assert ask(port, "GET", "/index.xml", {"Cookie": f"velmo-token-{port}={TOKEN}"})[0] == 200
+
+
+def test_without_a_token_tools_work_and_browsers_are_still_checked(start_program, tmp_path):
+    program, port = start_broker(start_program, tmp_path, "--allow-host", "robot.lan")
+    program.wait_for("No token is required")
+    tool = {"Host": f"127.0.0.1:{port}", "User-Agent": "curl/7.88.1", "Accept": "*/*"}
+    assert ask(port, "POST", "/", tool, SOAP_INSERT.format(key="plain"))[0] == 200
+    assert stored(port, "plain") == 42
+    assert ask(port, "GET", url_call("img"), {**tool, "Sec-Fetch-Site": "cross-site"})[0] == 403
+    assert stored(port, "img") is None
+    assert ask(port, "GET", "/index.xml", {"Host": f"Robot.LAN.:{port}"})[0] == 200
 
 
 def test_pages_of_another_origin_change_nothing_and_the_brokers_own_page_works(
@@ -117,7 +134,7 @@ def test_pages_of_another_origin_change_nothing_and_the_brokers_own_page_works(
 
     from test_pages import call_from_page
 
-    port = start_broker(start_program, tmp_path)
+    _, port = start_broker(start_program, tmp_path)
     base, site = f"http://127.0.0.1:{port}", tmp_path / "site"
     files = tmp_path / "Korvane" / "velmo" / "tmp"
     files.mkdir(parents=True)
@@ -187,7 +204,7 @@ sys.stdin.read()
 
 def test_a_child_with_the_trees_token_joins_and_one_without_is_refused(start_program,
                                                                         tmp_path):
-    root = start_broker(start_program, tmp_path, TOKEN)
+    _, root = start_broker(start_program, tmp_path, token=TOKEN)
     start_program([sys.executable, "-c", CHILD.format(parent=root)], stdin=subprocess.PIPE,
                   env={"VELMO_TOKEN": TOKEN}).wait_for("SERVING")
     assert stored(root, "fromChild", TOKEN) == 5  # child to root
