@@ -6,7 +6,6 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "broker/kxbroker.h"
 #include "embedded_python.h"
@@ -128,38 +127,6 @@ TEST_F(PythonModuleTest, TypedAndParallelProxyCallsReachPython) {
     EXPECT_FALSE(proxy.wait(id, 0));
   }
   EXPECT_EQ(recordedCalls(), 1);
-}
-
-TEST_F(PythonModuleTest, BindingDescribesTheMethodForPython) {
-  struct Case {
-    const char* name;
-    bool describeFirst;  // functionName + addParam("a") before binding
-    int count;
-    std::vector<std::string> parameters;  // "name:type"
-    const char* description;
-  };
-  const Case cases[] = {
-      {"anyCount", false, -1, {"empty param:"}, "python method"},
-      {"three", true, 3, {"a:int", "arg2:int", "arg3:int"}, "described"},
-      {"tooMany", true, 7, {"a:"}, "described"},  // taken as 0
-      {"undescribed", false, 2, {"arg1:int", "arg2:int"}, "python method"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    if (c.describeFirst) {
-      module_->describePythonMethod(c.name, "Answerer", "described");
-      module_->addParam("a", "Python's parameter");
-    }
-    module_->bindPythonMethod("Answerer", c.name, c.count);
-    const std::shared_ptr<const KXMethodInfo> info = module_->getMethodInfo(c.name);
-    ASSERT_NE(info, nullptr);
-    std::vector<std::string> parameters;
-    for (const ParameterInfo& p : info->parameters) parameters.push_back(p.name + ":" + p.type);
-    EXPECT_EQ(parameters, c.parameters);
-    EXPECT_EQ(info->methodDescription, c.description);
-    EXPECT_EQ(info->mask & KXMethodInfo::kNativeMethod, 0);
-  }
-  EXPECT_EQ(module_->getMethodHelp("anyCount")[2], args({"empty param", "avoid exception"}));
 }
 
 }  // namespace

@@ -66,17 +66,6 @@ ERRORS = [
     (flat("behavior_setResources", BOX, 5, 1), *refused("behavior_setResources", 2, VECTOR)),
     (flat("timeline_setFPS", TIMELINE, "25"), *refused("timeline_setFPS", 2, "int")),
     (flat("new_timeline", BOX), *refused("new_timeline", 1, "std::shared_ptr< KX::KXTimeline >")),
-    # No fitting signature (too many arguments here): the overload text alone.
-    (lambda own: ivelmo.StringVector(1, 2, 3), NotImplementedError,
-     "Wrong number or type of arguments for overloaded function 'new_StringVector'.\n"
-     "  Possible C/C++ prototypes are:\n"
-     "    std::vector< std::string >::vector()\n"
-     "    std::vector< std::string >::vector(std::vector< std::string > const &)\n"
-     "    std::vector< std::string >::vector(std::vector< std::string >::size_type)\n"
-     "    std::vector< std::string >::vector(std::vector< std::string >::size_type,"
-     "std::vector< std::string >::value_type const &)\n"),
-    # The containers keep their own exceptions.
-    (lambda own: ivelmo.StringVector(["a"])[1], IndexError, "index out of range"),
 ]
 
 
@@ -86,11 +75,6 @@ def test_errors_users_see(calc, call, kind, text):
     with pytest.raises(kind) as raised:
         call(types.SimpleNamespace(calc=calc, box=box, timeline=box.getTimeline()))
     assert str(raised.value) == text
-
-
-def test_a_bool_argument_takes_any_truth_value(root_broker):
-    assert [ivelmo.proxy("KXMemory", flag).pythonCall(["ping"]) for flag in ([0], "", None)] == [
-        True] * 3
 
 
 def test_the_extension_exports_its_initialiser_only_and_needs_no_libpython():
