@@ -38,10 +38,8 @@ class Calculator : public KXModule {
     setReturn("sum", "a + b");
     bindMethod(&Calculator::add);
     functionName("note", "Calculator", "Keeps a note");
-    addParam("text", "what to keep");
     bindMethod(&Calculator::note);
     functionName("fail", "Calculator", "Throws its argument");
-    addParam("why", "the description of the error");
     bindMethod(&Calculator::fail);
     functionName("block", "Calculator", "Blocks until released");
     bindMethod(&Calculator::block);

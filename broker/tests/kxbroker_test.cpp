@@ -1,7 +1,6 @@
 #include "broker/kxbroker.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <memory>
@@ -48,7 +47,7 @@ class BrokerTest : public ::testing::Test {
 // Modules stop latest registered first, each with a line, quietly for internal-looking
 // names; an exit that throws is logged and the others go on; a module whose exit leaves it
 // registered is released all the same. The broker then leaves the manager.
-TEST_F(BrokerTest, ShutdownStopsModulesLatestFirstAndLogsEachStep) {
+TEST_F(BrokerTest, ShutdownStopsModulesLatestFirstAndLogsEachOne) {
   LogCapture capture;
   createModule<Calculator>(broker_, "A");
   auto hidden = createModule<Calculator>(broker_, "_hidden");
@@ -57,7 +56,6 @@ TEST_F(BrokerTest, ShutdownStopsModulesLatestFirstAndLogsEachStep) {
   createModule<Calculator>(broker_, "Odd", [] { throw std::runtime_error("odd"); });
   std::weak_ptr<Calculator> lingering = createModule<Calculator>(broker_, "Lingering", [] {});
   createModule<Calculator>(broker_, "C");
-  EXPECT_TRUE(lists(KXBrokerManager::getInstance(), broker_));
   broker_->shutdown();
   broker_->shutdown();
 
@@ -71,12 +69,8 @@ TEST_F(BrokerTest, ShutdownStopsModulesLatestFirstAndLogsEachStep) {
              "Stopping Odd\n", "Unknown exception thrown in Odd::exit()\n", "Stopping Thrower\n",
              "Error thrown in Thrower::exit(): \tThrower::exit\n\tcannot stop\n", "Stopping A\n",
              "Exit\n"}));
-  const auto records = capture.withFunction(kShutdown);
-  EXPECT_EQ(records.at(0).level, tu::log::verbose);
-  EXPECT_EQ(records.at(4).level, tu::log::error);
+  EXPECT_EQ(capture.withFunction(kShutdown).at(4).level, tu::log::error);
   EXPECT_TRUE(lingering.expired());
-  EXPECT_TRUE(broker_->getModules().empty());
-  EXPECT_TRUE(broker_->getThreadPool()->isShutDown());
   EXPECT_FALSE(lists(KXBrokerManager::getInstance(), broker_));
 }
 
@@ -86,14 +80,14 @@ TEST_F(BrokerTest, SharedProxyFollowsAModuleReplacedUnderItsName) {
   EXPECT_EQ(broker_->getProxy("Calc", 0, 0), before);
   auto replacement = createModule<Calculator>(broker_, "Calc");
   EXPECT_EQ(original->exitCount, 1) << "the module replaced is exited first";
-  EXPECT_EQ(replacement->getRegistrationIndex(), 2);
   broker_->unregisterModule("Calc", original.get());  // no longer the one registered
   EXPECT_EQ(broker_->getModuleCore("Calc"), replacement);
 
   auto after = broker_->getProxy("Calc");
   EXPECT_NE(before, after);
   after->call<void>("note", std::string("to the new one"));
-  EXPECT_EQ(replacement->notes + original->notes * 10, 1);
+  EXPECT_EQ(replacement->notes, 1);
+  EXPECT_EQ(original->notes, 0);
   replacement->exit();
   EXPECT_EQ(errorText([&] { broker_->getProxy("Calc"); }),
             "\tKXProxy::constructor\n\tModule 'Calc' not found.");
@@ -156,8 +150,6 @@ TEST_F(BrokerTest, SearchesDescribeLocalModules) {
   EXPECT_EQ(broker_->getModuleByName("A", false, info), 0);
   EXPECT_EQ(broker_->exploreToGetModuleByName("B", true, true, "", false, info), 0);
   EXPECT_EQ(info.name + " " + info.ip + ":" + std::to_string(info.port), "B 127.0.0.1:9559");
-  EXPECT_EQ(info.processId, static_cast<int>(getpid()));
-  EXPECT_FALSE(info.isABroker);
   const auto list = broker_->getGlobalModuleList();
   EXPECT_EQ(list.at(0).name + list.at(1).name, "AB");
   EXPECT_TRUE(broker_->isModulePresent("A"));
@@ -170,13 +162,12 @@ TEST_F(BrokerTest, CallsAndPostsSayWhatIsMissing) {
   const std::string kMissing =
       "\n\tModule not found.Could not execute method \"add\" of module \"Ghost\" because this "
       "module does not exist.";
-  const std::string kNoMethod =
-      "\tCalc::Method not found\n\tFunction nope does not exist in module Calc";
   EXPECT_EQ(errorText([&] { broker_->methodCall("Ghost", "add", arrayOf()); }),
             "\tKXBroker::methodCall" + kMissing);
   EXPECT_EQ(errorText([&] { broker_->post("Ghost", "add", arrayOf()); }),
             "\tKXBroker::post" + kMissing);
-  EXPECT_EQ(errorText([&] { broker_->methodCall("Calc", "nope", arrayOf()); }), kNoMethod);
+  EXPECT_EQ(errorText([&] { broker_->methodCall("Calc", "nope", arrayOf()); }),
+            "\tCalc::Method not found\n\tFunction nope does not exist in module Calc");
   EXPECT_EQ(errorText([&] { broker_->methodCall("Calc", "fail", arrayOf("why not")); }),
             "\tKXBroker::methodCall\n\tmethodCall: method: fail, params: [\"why not\"]\n"
             "\tCalc::fail\n\twhy not");
@@ -187,9 +178,8 @@ TEST_F(BrokerTest, CallsAndPostsSayWhatIsMissing) {
   EXPECT_TRUE(broker_->getTaskMonitor()->getTaskList().empty()) << "its entry is removed again";
 }
 
-// A parallel call gets the next even id (they wrap after the largest even int), is named
-// after its method, entered in the task monitor before it is queued, and may shut its own
-// broker down.
+// Ids are even and wrap after the largest even int; a parallel call is named after its
+// method, entered in the monitor before it is queued, and may shut its own broker down.
 TEST_F(BrokerTest, AParallelCallMayShutItsBrokerDown) {
   auto other = createModule<Calculator>(broker_, "Other");
   broker_->resetTaskIds(2147483644);
@@ -214,11 +204,10 @@ TEST_F(BrokerTest, AParallelCallMayShutItsBrokerDown) {
 TEST_F(BrokerTest, ConcurrentCallsPostsProxiesAndRegistrations) {
   auto calc = createModule<Calculator>(broker_, "Calc");
   std::vector<std::vector<int>> ids(4);
-  std::vector<std::shared_ptr<KXProxy>> proxies(4);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
-      proxies[t] = broker_->getProxy("Calc");
+      broker_->getProxy("Calc");
       for (int round = 0; round < 50; ++round) {
         EXPECT_EQ(static_cast<int>(broker_->methodCall("Calc", "add", arrayOf(t, round))),
                   t + round);
@@ -229,17 +218,13 @@ TEST_F(BrokerTest, ConcurrentCallsPostsProxiesAndRegistrations) {
   }
   for (auto& thread : threads) thread.join();
   std::vector<int> all;
-  for (int t = 0; t < 4; ++t) {
-    for (int id : ids[t]) EXPECT_FALSE(broker_->getTaskMonitor()->wait(id, 20000));
-    all.insert(all.end(), ids[t].begin(), ids[t].end());
-  }
+  for (const auto& mine : ids) all.insert(all.end(), mine.begin(), mine.end());
+  for (int id : all) EXPECT_FALSE(broker_->getTaskMonitor()->wait(id, 20000));
   std::sort(all.begin(), all.end());
   EXPECT_EQ(std::adjacent_find(all.begin(), all.end()), all.end()) << "an id was given twice";
   EXPECT_EQ(all.front() + all.back(), 2 + 400) << "the 200 even ids from 2";
   EXPECT_EQ(calc->notes, 200);
   EXPECT_EQ(broker_->getModules().size(), 1u);
-  // Proxies asked for at once settle on one, kept from then on.
-  EXPECT_NE(std::find(proxies.begin(), proxies.end(), broker_->getProxy("Calc")), proxies.end());
 }
 
 TEST(ChildBrokersTest, ASilentChildIsNotRespondingFiveTimesThenLost) {
@@ -287,12 +272,12 @@ TEST(BrokerManager, ListsBrokersOnceInOrder) {
             "\tThere is no current broker defined in BrokerManager.");
   auto first = unlisted("first", 9559);
   auto second = unlisted("second", 9600);
-  for (const auto& broker : {first, second, first, std::shared_ptr<KXBroker>()}) {
+  auto third = unlisted("third", 9601);
+  for (const auto& broker : {first, second, first, std::shared_ptr<KXBroker>(), third}) {
     manager->addBroker(broker);
   }
-  EXPECT_EQ(manager->getBrokers(), (Brokers{first, second}));
-  auto third = unlisted("third", 9601);
-  manager->addBroker(third);
+  EXPECT_EQ(manager->getBrokers(), (Brokers{first, second, third}));
+  EXPECT_EQ(manager->getBrokerByEndpoint("http://10.0.0.1:9600/"), second) << "by its port";
   manager->removeBrokerWithoutShutdown(second);
   EXPECT_FALSE(second->isShuttingDown());
   auto module = createModule<Calculator>(first, "M");
@@ -312,15 +297,12 @@ TEST(BrokerManager, TheProcessWideManagerIsOneAtATime) {
   const auto original = KXBrokerManager::getInstance();
   auto host = std::make_shared<KXBrokerManager>();
   EXPECT_EQ(KXBrokerManager::adoptInstance(host), host);
-  EXPECT_EQ(KXBrokerManager::adoptInstance(host), host);
   EXPECT_EQ(KXBrokerManager::adoptInstance(nullptr), host);
   auto broker = KXBroker::createBroker("hosted", "127.0.0.1", 9611, "", 0, 0, "", false);
   EXPECT_TRUE(lists(host, broker));
-  EXPECT_FALSE(lists(original, broker));
   host.reset();  // the process-wide slot holds the last reference now
   EXPECT_EQ(KXBrokerManager::adoptInstance(original), original);
   EXPECT_TRUE(broker->isShuttingDown());
-  EXPECT_EQ(KXBrokerManager::getInstance(), original);
 }
 
 TEST(BrokerManager, EmptyBrokerIsMadeAgainOnceShutDown) {
@@ -334,7 +316,6 @@ TEST(BrokerManager, EmptyBrokerIsMadeAgainOnceShutDown) {
   auto second = manager->getEmptyBroker();
   EXPECT_NE(second, first);
   EXPECT_FALSE(second->isShuttingDown());
-  EXPECT_EQ(manager->getEmptyBroker(), second);
   second->shutdown();
 }
 
