@@ -68,10 +68,10 @@ TEST(KXBrokerMessageTest, EveryOperationReadsItsChildrenByPositionWhateverTheirN
       {Op::unregisterBroker, {"<r>" + kRecordXml + "</r>", {kRecord}}},
       {Op::unregisterModuleReference, {"<m>M</m>", {"'M'"}}},
       {Op::getMethodList, {"<m>M</m>", {"'M'"}}},
+      {Op::getInfo, {"<m>M</m>", {"'M'"}}},
       {Op::init,
        {"<a>B</a><b>1.2.3.4</b><c>9000</c><d>5.6.7.8</d><e>9001</e><f>false</f>",
         {"'B'", "'1.2.3.4'", "9000", "'5.6.7.8'", "9001", "false"}}},
-      {Op::getInfo, {"<m>M</m>", {"'M'"}}},
       {Op::stopTask, {"<n>12</n><more/>", {"12"}}},
       {Op::stopTaskName, {"<n>scan</n>", {"'scan'"}}}};
   std::vector<std::string> oneWay;
@@ -116,21 +116,16 @@ TEST(KXBrokerMessageTest, EachChildIsReadOrRefusedWithTheRuntimesWords) {
     std::string outcome;
   } cases[] = {
       {loadLib("<e xsi:type=\"xsd:boolean\">true</e>"), "true"},
-      {loadLib("<e xsi:type=\"xsd:bool\">1</e>"), "true"},
       {loadLib("<e xsi:type=\"other:boolean\"> false\n</e>"), "false"},
       {loadLib("<e>TRUE</e>"), invalid + "e'"},
       {loadLib("<e></e>"), empty + "e'"},
       {loadLib("<e xsi:type=\"xsd:int\">1</e>"), mismatch + "xsd:int in element 'e'"},
       {task("<n>2147483647</n>"), "2147483647"},
-      {task("<n>-2147483648</n>"), "-2147483648"},
       {task("<n xsi:type=\"xsd:int\"> +7 </n>"), "7"},
       {task("<n xsi:type=\"xsd:short\">2</n>"), "2"},
-      {task("<n xsi:type=\"xsd:byte\">3</n>"), "3"},
       {task("<n>2147483648</n>"), invalid + "n'"},
-      {task("<n>-2147483649</n>"), invalid + "n'"},
       {task("<n>0x10</n>"), invalid + "n'"},
       {task("<n xsi:nil=\"true\"/>"), empty + "n'"},
-      {task("<n><inner>3</inner></n>"), empty + "n'"},
       {task("<n xsi:type=\"xsd:long\">1</n>"), mismatch + "xsd:long in element 'n'"},
       {task(""), "fault: " + kViolation +
                      "occurrence constraint violation in element "
@@ -192,10 +187,8 @@ TEST(KXBrokerMessageTest, AnswersAreReadInTheShapeOfTheirOperation) {
     std::vector<std::string> outcome;
   } cases[] = {
       {Op::callVelmo, answer(Op::callVelmo, kValue), {kValueText}},
-      {Op::pCallVelmoN, answer(Op::pCallVelmoN, kValue), {kValueText}},
-      {Op::getDebugTaskList, answer(Op::getDebugTaskList, kValue), {kValueText}},
       {Op::getModuleByName, answer(Op::getModuleByName, record), {kRecord}},
-      {Op::getBrokerInfo, answer(Op::getBrokerInfo, record), {kRecord}},
+      {Op::getDebugTaskList, answer(Op::getDebugTaskList, kValue), {kValueText}},
       // getInfo is answered by the record itself.
       {Op::getInfo, envelope("<kx:KXModuleInfo>" + kRecordXml + "</kx:KXModuleInfo>"), {kRecord}},
       {Op::getInfo, answer(Op::getInfo, ""), {tag + " in element 'kxbroker:getInfoResponse'"}},
@@ -211,7 +204,6 @@ TEST(KXBrokerMessageTest, AnswersAreReadInTheShapeOfTheirOperation) {
        {tag + " in element 'kxbroker:sendBackIPResponse'"}},
       {Op::version, envelope(""), {tag}},
       {Op::sendBackIP, answer(Op::sendBackIP, "<s>1.2.3.4</s>"), {"'1.2.3.4'"}},
-      {Op::registerBroker, answer(Op::registerBroker, "<n>-3</n>"), {"-3"}},
       {Op::stopTask, answer(Op::stopTask, "<n>-1</n>"), {"-1"}},
       {Op::stopTask,
        answer(Op::stopTask, ""),

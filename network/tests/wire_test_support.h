@@ -26,6 +26,7 @@
 #include "network/kxbrokermessage.h"
 #include "network/kxvaluesoap.h"
 #include "value/kxvalue.h"
+#include "value/tests/value_test_util.h"
 
 namespace KX {
 namespace testing {
@@ -65,11 +66,7 @@ class PortHolder {
   int port_ = 0;
 };
 
-inline KXValue binaryOf(const std::string& bytes) {
-  KXValue value;
-  value.setBinary(bytes.data(), bytes.size());
-  return value;
-}
+using testing_util::binaryOf;
 
 // Readable texts of what a message carries.
 inline std::string describe(const KXModuleInfo& m) {
@@ -273,49 +270,6 @@ inline std::string callRequest(const std::string& module, const std::string& met
 inline std::string callAnswer(const KXValue& value) {
   return envelope("<kxbroker:callVelmoResponse>" + valueChild("kxbroker:return", value) +
                   "</kxbroker:callVelmoResponse>");
-}
-
-// ---------------------------------------------------------------- DIME
-
-constexpr unsigned char kDimeMediaType = 0x10;
-constexpr unsigned char kDimeAbsoluteUri = 0x20;
-
-// A 12-byte header (version and flags, type format, the lengths of options, id and type in
-// 16 bits and of the data in 32 bits, big-endian), then id, type and data, each padded to
-// 4 bytes. `declaredSize` overrides the data length in the header (a record that lies).
-inline std::string dimeRecord(bool first, bool last, unsigned char typeFormat,
-                              const std::string& id, const std::string& type,
-                              const std::string& data,
-                              std::optional<std::uint32_t> declaredSize = std::nullopt) {
-  const std::uint32_t size = declaredSize.value_or(static_cast<std::uint32_t>(data.size()));
-  std::string record = {static_cast<char>(0x08 | (first ? 0x04 : 0) | (last ? 0x02 : 0)),
-                        static_cast<char>(typeFormat),
-                        0,
-                        0,
-                        static_cast<char>(id.size() >> 8),
-                        static_cast<char>(id.size()),
-                        static_cast<char>(type.size() >> 8),
-                        static_cast<char>(type.size())};
-  for (int shift = 24; shift >= 0; shift -= 8) record.push_back(static_cast<char>(size >> shift));
-  for (const std::string* field : {&id, &type, &data}) {
-    record += *field;
-    record.append((4 - field->size() % 4) % 4, '\0');
-  }
-  return record;
-}
-
-// A DIME message: the envelope (with the id `envelopeId`), then one attachment per entry of
-// `attachments`.
-inline std::string dimeMessage(const std::string& soapEnvelope,
-                               const std::vector<std::string>& attachments,
-                               const std::string& envelopeId = "") {
-  std::string message = dimeRecord(true, attachments.empty(), kDimeAbsoluteUri, envelopeId,
-                                   kEnvelopeUri, soapEnvelope);
-  for (std::size_t i = 0; i < attachments.size(); ++i) {
-    message += dimeRecord(false, i + 1 == attachments.size(), kDimeMediaType, "image",
-                          "application/octet-stream", attachments[i]);
-  }
-  return message;
 }
 
 }  // namespace wire
