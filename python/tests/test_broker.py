@@ -1,8 +1,6 @@
 """Brokers, proxies and Python modules of the flat API: in one program under threads,
 called from other processes, and at the end of a program that leaves them running."""
 import threading
-import urllib.parse
-import urllib.request
 
 import ivelmo
 from conftest import Calc, run_python
@@ -73,7 +71,7 @@ def test_python_and_framework_threads_call_at_once(calc):
     assert [memory.getData(f"t{n}") for n in range(16)] == [calls_each - 1] * 16
 
 
-def test_a_python_module_is_called_from_a_child_process_and_from_a_url(root_broker, calc):
+def test_a_python_module_is_called_from_a_child_process(root_broker, calc):
     done = run_python(f"""
         import ivelmo
         ivelmo.broker("pychild", "127.0.0.1", 0, "127.0.0.1", {root_broker.port})
@@ -91,11 +89,23 @@ def test_a_python_module_is_called_from_a_child_process_and_from_a_url(root_brok
     # A remote error carries the module's own description.
     assert "ERROR " + repr("\tCalc::fail\n\t<class 'ValueError'>\nbad") in done.stdout.splitlines()
     assert ivelmo.getMemoryProxy().getData("fromChild") == (bytes(range(256)) * 4)[:1000]
-    call = urllib.parse.quote('Calc.echo(["text"])')
-    with urllib.request.urlopen(urllib.request.Request(
-            f"http://127.0.0.1:{root_broker.port}/?eval{call}",
-            headers={"User-Agent": "Mozilla/5.0", "Accept": "*/*"}), timeout=30) as response:
-        assert (response.status, response.read().decode()) == (200, '"text"')
+
+
+def test_without_a_current_broker_each_object_says_so():
+    done = run_python("""
+        import ivelmo
+        for make in (lambda: ivelmo.proxy("KXMemory"), lambda: ivelmo.module("m"),
+                     lambda: ivelmo.behavior("b"), ivelmo.getMemoryProxy().ping):
+            try:
+                make()
+            except RuntimeError as error:
+                print(repr(str(error)))
+    """)
+    assert done.stdout.splitlines() == [repr(
+        f"\t{kind}::{kind}\n\tCould not create a {kind}, as there is no current broker in "
+        "Python's world.") for kind in ("proxy", "module", "behavior")] + [repr(
+            "\tKXBrokerManager::getRandomBroker\n\tThere is no current broker defined in "
+            "BrokerManager.")], done.stderr
 
 
 def test_brokers_stop_while_calls_are_inside_python_by_shutdown_and_at_exit():

@@ -11,6 +11,9 @@ class Calc(velmo.Module):
     def add(self, a, b):
         return a + b
 
+    def six(self, a, b, c, d, e, f):
+        return [a, f]
+
     def fail(self):
         raise ValueError("bad input")
 
@@ -28,7 +31,7 @@ def calc():
 
 def test_public_methods_are_published_and_values_reach_a_subscriber_in_order(calc):
     proxy = velmo.Proxy("Calc")
-    assert proxy.add(40, 2) == 42
+    assert (proxy.add(40, 2), proxy.six(*range(6))) == (42, [0, 5])
     assert "add" in dir(proxy) and "_hidden" not in dir(proxy)
     with pytest.raises(AttributeError):
         proxy._absent
