@@ -9,9 +9,9 @@
 #include "broker/detail/kxbrokermanagerinstance.h"
 #include "broker/kxbrokermanager.h"
 #include "broker/kxbrokerproxy.h"
-#include "broker/kxnetworkservice.h"
 #include "log/log.h"
 #include "module/kxmodulecore.h"
+#include "module/kxnetworkservice.h"
 #include "module/kxpcalltask.h"
 #include "module/kxproxy.h"
 #include "module/kxtaskmonitor.h"
@@ -259,16 +259,7 @@ std::vector<std::shared_ptr<KXModuleCore>> KXBrokerImpl::getModules() const {
 }
 
 KXModuleInfo KXBrokerImpl::describeLocalModule(const std::string& name) const {
-  KXModuleInfo info;
-  info.name = name;
-  info.architecture = kArchitecture;
-  std::lock_guard<std::mutex> guard(stateMutex_);
-  info.ip = ip_;
-  info.port = port_;
-  info.processId = info_.processId;
-  info.isABroker = false;
-  info.keepAlive = false;
-  return info;
+  return describeModuleOf(getBrokerInfo(), name);
 }
 
 std::shared_ptr<KXModuleCore> KXBrokerImpl::findCallTarget(const std::string& operation,

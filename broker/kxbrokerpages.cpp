@@ -19,6 +19,7 @@
 #include "value/kxerror.h"
 #include "value/kxvalue.h"
 #include "value/kxvaluejson.h"
+#include "value/textcoding.h"
 
 namespace KX {
 namespace detail {
@@ -55,13 +56,6 @@ bool endsWith(const std::string& text, const std::string& suffix) {
          text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
 // <tag>escaped text</tag>
 void appendElement(std::string& out, const char* tag, const std::string& text) {
   out += '<';
@@ -78,7 +72,7 @@ void appendElement(std::string& out, const char* tag, int number) {
 }
 
 std::string brokerHref(const std::string& ip, int port) {
-  return "http://" + ip + ":" + std::to_string(port) + "/index.xml";
+  return endpointOf(ip, port) + "/index.xml";
 }
 
 // The modules the pages show: internal ones are left out. In name order.
@@ -285,48 +279,6 @@ std::shared_ptr<KXModuleCore> moduleForPath(KXBroker& broker, const std::string&
 
 }  // namespace
 
-std::string escapeXml(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&apos;";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
-
-std::string decodeUrl(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '%' && i + 2 < text.size() && hexValue(text[i + 1]) >= 0 &&
-        hexValue(text[i + 2]) >= 0) {
-      out += static_cast<char>(hexValue(text[i + 1]) * 16 + hexValue(text[i + 2]));
-      i += 2;
-    } else {
-      out += text[i];
-    }
-  }
-  return out;
-}
-
 KXValue callFromUrl(KXBroker& broker, const std::string& call, std::string& error) {
   error.clear();
   if (call.empty()) {
@@ -436,7 +388,7 @@ std::optional<std::string> htmlPage(KXBroker& broker, const std::string& path) {
 }  // namespace
 
 std::string answerPage(KXBroker& broker, const std::string& rawPath) {
-  const std::string path = decodeUrl(rawPath);
+  const std::string path = percentDecode(rawPath);
   try {
     if (path == "/favicon.ico") {
       return kEmptyAnswer;

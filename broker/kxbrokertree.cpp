@@ -6,7 +6,7 @@
 
 #include "broker/kxbrokerimpl.h"
 #include "broker/kxbrokerproxy.h"
-#include "broker/kxnetworkservice.h"
+#include "broker/kxnetworkfactory.h"
 #include "log/log.h"
 #include "module/kxmodulecore.h"
 #include "value/kxerror.h"

@@ -2,15 +2,20 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <mutex>
 #include <optional>
 
-#include "network/kxaccesspolicy.h"
+#include "network/detail/kxaccesspolicy.h"
 #include "value/kxerror.h"
+#include "value/textcoding.h"
 
 namespace KX {
 namespace {
+
+constexpr std::size_t kMaxTokenLength = 256;
 
 struct Settings {
   std::mutex mutex;
@@ -75,6 +80,19 @@ auto withSettings(Change&& change) {
 }
 
 }  // namespace
+
+std::string tokenProblem(const std::string& token) {
+  if (token.empty()) return "the token is empty";
+  if (token.size() > kMaxTokenLength) {
+    return "the token is longer than " + std::to_string(kMaxTokenLength) + " characters";
+  }
+  const bool allowed = std::all_of(token.begin(), token.end(), [](unsigned char c) {
+    return std::isalnum(c) ||
+           std::string("-._~+/=").find(static_cast<char>(c)) != std::string::npos;
+  });
+  if (!allowed) return "the token may hold only letters, digits and \"-._~+/=\"";
+  return std::string();
+}
 
 KXAccessSettings accessSettings() {
   return withSettings([](const KXAccessSettings& settings) { return settings; });
