@@ -1,22 +1,22 @@
 #include "network/detail/kxdimebuffers.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
+
+#include "network/detail/kxsoapstate.h"
 
 namespace KX {
 
 namespace {
 
-constexpr char kPluginId[] = "velmo-dime-buffers";
-
 struct DimeBuffers {
+  static constexpr char kPluginId[] = "velmo-dime-buffers";
   std::vector<std::unique_ptr<std::vector<unsigned char>>> received;
   std::size_t total = 0;
 };
 
-DimeBuffers* buffersOf(struct soap* soap) {
-  return static_cast<DimeBuffers*>(soap_lookup_plugin(soap, kPluginId));
-}
+DimeBuffers* buffersOf(struct soap* soap) { return KXSoapState<DimeBuffers>::of(soap); }
 
 void* openAttachment(struct soap* soap, const char* /*id*/, const char* /*type*/,
                      const char* /*options*/) {
@@ -49,32 +49,14 @@ int writeAttachment(struct soap* soap, void* handle, const char* data, std::size
 
 void closeAttachment(struct soap* /*soap*/, void* /*handle*/) {}
 
-void deletePlugin(struct soap* /*soap*/, struct soap_plugin* plugin) {
-  // Ownership comes back from the runtime's plugin record, which holds it as void*.
-  std::unique_ptr<DimeBuffers> owned(static_cast<DimeBuffers*>(plugin->data));
-  plugin->data = nullptr;
-}
+}  // namespace
 
-int copyPlugin(struct soap* /*soap*/, struct soap_plugin* copy, struct soap_plugin* original) {
-  *copy = *original;
-  copy->data = std::make_unique<DimeBuffers>().release();  // deletePlugin takes it back
-  return SOAP_OK;
-}
-
-int createPlugin(struct soap* soap, struct soap_plugin* plugin, void* /*argument*/) {
-  plugin->id = kPluginId;
-  plugin->data = std::make_unique<DimeBuffers>().release();  // deletePlugin takes it back
-  plugin->fcopy = copyPlugin;
-  plugin->fdelete = deletePlugin;
+void installDimeBuffers(struct soap* soap) {
+  KXSoapState<DimeBuffers>::install(soap);
   soap->fdimewriteopen = openAttachment;
   soap->fdimewrite = writeAttachment;
   soap->fdimewriteclose = closeAttachment;
-  return SOAP_OK;
 }
-
-}  // namespace
-
-void installDimeBuffers(struct soap* soap) { soap_register_plugin(soap, createPlugin); }
 
 std::vector<unsigned char>* receivedDimeBuffer(struct soap* soap, const soap_multipart& part) {
   DimeBuffers* buffers = buffersOf(soap);

@@ -21,6 +21,7 @@
 #include "broker/kxbrokerpages.h"
 #include "log/log.h"
 #include "log/sdklayout.h"
+#include "network/detail/kxsoapstate.h"
 #include "value/textcoding.h"
 
 namespace fs = std::filesystem;
@@ -36,19 +37,23 @@ constexpr const char* kEvalPrefix = "/?eval";
 // Files go out in pieces of this size.
 constexpr std::size_t kPieceBytes = 64 * 1024;
 
-// What the runtime does not keep of the request whose header this thread is reading:
+// What the runtime does not keep of the request whose header a connection is reading:
 // whether it carried a Content-Length (the runtime leaves `length` at 0 without one),
 // whether it accepts HTML (a browser navigating) and the headers that the access policy
-// reads. It reads the header and calls the GET and PUT callbacks on one thread within one
-// soap_begin_recv, so a per-thread record of the context whose header was read last is
-// enough.
+// reads. Kept with each connection's context, reset when a new request begins.
 struct HeaderWatch {
-  const struct soap* soap = nullptr;
+  static constexpr char kPluginId[] = "velmo-header-watch";
   bool contentLength = false;
   bool acceptsHtml = false;
   KXRequestHeaders access;
 };
-thread_local HeaderWatch headerWatch;
+
+// The watch of the request being read on `soap`; an empty one when nothing watches it.
+const HeaderWatch& watchOf(struct soap* soap) {
+  static const HeaderWatch kUnwatched;
+  const HeaderWatch* watch = KXSoapState<HeaderWatch>::of(soap);
+  return watch != nullptr ? *watch : kUnwatched;
+}
 
 // Where a header that the access policy reads is kept; null for the others.
 std::optional<std::string>* accessHeader(KXRequestHeaders& headers, const char* key) {
@@ -552,6 +557,7 @@ std::map<std::string, fs::path> KXFileService::defaultRoots() {
 
 void KXFileService::install(struct soap* server) const {
   server->user = const_cast<KXFileService*>(this);
+  KXSoapState<HeaderWatch>::install(server);
   server->fget = &KXFileService::httpGet;
   server->fput = &KXFileService::httpPut;
   server->fdel = &KXFileService::httpDelete;
@@ -572,7 +578,7 @@ void KXFileService::install(struct soap* server) const {
 }
 
 int KXFileService::parseRequest(struct soap* soap) {
-  headerWatch = HeaderWatch{soap, false, false, KXRequestHeaders()};
+  if (HeaderWatch* watch = KXSoapState<HeaderWatch>::of(soap)) *watch = HeaderWatch();
   const KXFileService* service = serviceOf(soap);
   const ParseFunction parse = service != nullptr ? service->parse_.load() : nullptr;
   if (parse == nullptr) return soap->error = SOAP_EOF;
@@ -584,8 +590,7 @@ int KXFileService::parseRequest(struct soap* soap) {
 int KXFileService::admit(struct soap* soap) const {
   if (!access_) return SOAP_OK;
   const std::string rawPath = soap->path;
-  const KXAccessDecision decision = access_->decide(
-      methodOf(soap), rawPath, headerWatch.soap == soap ? headerWatch.access : KXRequestHeaders());
+  const KXAccessDecision decision = access_->decide(methodOf(soap), rawPath, watchOf(soap).access);
   // Whether the answer made it or not, the connection ends after it.
   switch (decision.kind) {
     case KXAccessDecision::Kind::allow:
@@ -614,14 +619,15 @@ int KXFileService::admit(struct soap* soap) const {
 }
 
 int KXFileService::parseHeader(struct soap* soap, const char* key, const char* value) {
-  if (headerWatch.soap == soap && key != nullptr) {
-    if (std::optional<std::string>* field = accessHeader(headerWatch.access, key)) {
+  HeaderWatch* watch = KXSoapState<HeaderWatch>::of(soap);
+  if (watch != nullptr && key != nullptr) {
+    if (std::optional<std::string>* field = accessHeader(watch->access, key)) {
       *field = value != nullptr ? value : "";
     }
-    if (soap_tag_cmp(key, "Content-Length") == 0) headerWatch.contentLength = true;
+    if (soap_tag_cmp(key, "Content-Length") == 0) watch->contentLength = true;
     if (soap_tag_cmp(key, "Accept") == 0 && value != nullptr &&
         std::strstr(value, "text/html") != nullptr) {
-      headerWatch.acceptsHtml = true;
+      watch->acceptsHtml = true;
     }
   }
   const KXFileService* service = serviceOf(soap);
@@ -667,7 +673,7 @@ int KXFileService::serveGet(struct soap* soap) const {
     try {
       // A browser opening the broker's address gets the page for a person; tools keep
       // getting the XML page there.
-      const bool person = rawPath == "/" && headerWatch.soap == soap && headerWatch.acceptsHtml;
+      const bool person = rawPath == "/" && watchOf(soap).acceptsHtml;
       if (pages_) answer = pages_(soap->endpoint, person ? "/index.html" : rawPath);
     } catch (const std::exception& error) {
       TU_LOG(tu::log::error, kCategory, kGetFunction)
@@ -746,7 +752,7 @@ int KXFileService::serveGet(struct soap* soap) const {
 
 int KXFileService::servePut(struct soap* soap) const {
   const std::string rawPath = soap->path;
-  const bool lengthKnown = headerWatch.soap == soap && headerWatch.contentLength;
+  const bool lengthKnown = watchOf(soap).contentLength;
   const std::uint64_t length = lengthKnown ? soap->length : 0;
 
   // An answer given before the body was stored. A body of known, acceptable length is read
