@@ -224,28 +224,47 @@ std::string contentTypeOf(const fs::path& file) {
 
 // ---- Answers
 
-std::string statusLine(const struct soap* soap, int code, const std::string& reason) {
-  std::string line = "HTTP/";
-  line += soap->http_version != nullptr ? soap->http_version : "1.1";
-  line += ' ';
-  line += std::to_string(code);
-  if (!reason.empty()) {
-    line += ' ';
-    line += reason;
+// The head of an answer: the status line in the request's HTTP version, "Server: Velmo"
+// (not for the broker's pages, which are passed on as the broker framed them), then the
+// fields in the order they are added, then the blank line.
+class HttpHead {
+ public:
+  HttpHead(const struct soap* soap, int code, const std::string& reason, bool named = true) {
+    text_ = "HTTP/";
+    text_ += soap->http_version != nullptr ? soap->http_version : "1.1";
+    text_ += ' ';
+    text_ += std::to_string(code);
+    if (!reason.empty()) {
+      text_ += ' ';
+      text_ += reason;
+    }
+    text_ += "\r\n";
+    if (named) text_ += "Server: Velmo\r\n";
   }
-  line += "\r\n";
-  return line;
-}
 
-// The answers that name their connection say whether it stays open: the runtime ends it
-// after this request when the client asked for that (or spoke HTTP/1.0 without keep-alive).
-const char* connectionLine(const struct soap* soap) {
-  return soap->keep_alive == 0 ? "Connection: close\r\n" : "Connection: keep-alive\r\n";
-}
+  HttpHead& field(const char* name, const std::string& value) {
+    text_ += name;
+    text_ += ": ";
+    text_ += value;
+    text_ += "\r\n";
+    return *this;
+  }
+  HttpHead& length(std::uint64_t bytes) { return field("Content-Length", std::to_string(bytes)); }
+  // Whether the connection stays open: the runtime ends it after this request when the
+  // client asked for that (or spoke HTTP/1.0 without keep-alive). `sayKeepAlive`: name an
+  // open connection too.
+  HttpHead& connection(const struct soap* soap, bool sayKeepAlive = true) {
+    if (soap->keep_alive == 0) return field("Connection", "close");
+    return sayKeepAlive ? field("Connection", "keep-alive") : *this;
+  }
+  // The answers of the access policy end their connection.
+  HttpHead& closing() { return field("Connection", "close"); }
 
-const char* closeLine(const struct soap* soap) {
-  return soap->keep_alive == 0 ? "Connection: close\r\n" : "";
-}
+  std::string text() const { return text_ + "\r\n"; }
+
+ private:
+  std::string text_;
+};
 
 // Writes straight to the socket: the runtime's output buffer is also its input buffer,
 // which may already hold the client's next request.
@@ -312,9 +331,11 @@ std::string reasonOf(int code) {
 int sendError(struct soap* soap, int code) {
   const std::string reason = reasonOf(code);
   const std::string body = std::to_string(code) + " - " + reason;
-  const std::string header = statusLine(soap, code, reason) +
-                             "Server: Velmo\r\nContent-Type: text/plain\r\nContent-Length: " +
-                             std::to_string(body.size()) + "\r\n" + closeLine(soap) + "\r\n";
+  const std::string header = HttpHead(soap, code, reason)
+                                 .field("Content-Type", "text/plain")
+                                 .length(body.size())
+                                 .connection(soap, false)
+                                 .text();
   return answered(soap, sendBytes(soap, header + body));
 }
 
@@ -322,14 +343,14 @@ int sendError(struct soap* soap, int code) {
 // not read.
 
 // A refusal: its reason as the body.
+// `challenge`: the WWW-Authenticate field of a 401.
 void sendRefusal(struct soap* soap, int code, const std::string& reason,
-                 const std::string& extraHeaders = std::string()) {
+                 const char* challenge = nullptr) {
   const std::string body = reason + "\n";
-  const std::string header = statusLine(soap, code, reasonOf(code)) +
-                             "Server: Velmo\r\nContent-Type: text/plain; charset=utf-8\r\n" +
-                             extraHeaders + "Content-Length: " + std::to_string(body.size()) +
-                             "\r\nConnection: close\r\n\r\n";
-  sendBytes(soap, header + body);
+  HttpHead head(soap, code, reasonOf(code));
+  head.field("Content-Type", "text/plain; charset=utf-8");
+  if (challenge) head.field("WWW-Authenticate", challenge);
+  sendBytes(soap, head.length(body.size()).closing().text() + body);
 }
 
 // A URL call that a link on another site led to: shown, not run, with a link that runs it
@@ -353,31 +374,36 @@ void sendCallConfirmation(struct soap* soap, const std::string& rawPath) {
       escapeXml(call) + "</pre>\n<p><a class=\"button\" id=\"run\" href=\"" + escapeXml(rawPath) +
       "\">Run it</a> <a href=\"/index.html\">Go to the broker&#39;s page</a></p>\n"
       "</main>\n</body>\n</html>\n";
-  const std::string header = statusLine(soap, 403, "Forbidden") +
-                             "Server: Velmo\r\nContent-Type: text/html; charset=utf-8\r\n"
-                             "X-Frame-Options: DENY\r\n"
-                             "Content-Security-Policy: frame-ancestors 'none'\r\n"
-                             "Cache-Control: no-store\r\nContent-Length: " +
-                             std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n";
+  const std::string header = HttpHead(soap, 403, "Forbidden")
+                                 .field("Content-Type", "text/html; charset=utf-8")
+                                 .field("X-Frame-Options", "DENY")
+                                 .field("Content-Security-Policy", "frame-ancestors 'none'")
+                                 .field("Cache-Control", "no-store")
+                                 .length(body.size())
+                                 .closing()
+                                 .text();
   sendBytes(soap, header + body);
 }
 
 // The link "/?token=TOKEN": the cookie that carries the token from now on, then the
 // broker's page. HttpOnly keeps it from scripts, SameSite=Strict from other sites' requests.
 void sendTokenCookie(struct soap* soap, const std::string& cookieName, const std::string& token) {
-  const std::string header = statusLine(soap, 303, "See Other") +
-                             "Server: Velmo\r\nLocation: /\r\nSet-Cookie: " + cookieName + "=" +
-                             token +
-                             "; Path=/; HttpOnly; SameSite=Strict\r\nCache-Control: "
-                             "no-store\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
-  sendBytes(soap, header);
+  sendBytes(soap, HttpHead(soap, 303, "See Other")
+                      .field("Location", "/")
+                      .field("Set-Cookie",
+                             cookieName + "=" + token + "; Path=/; HttpOnly; SameSite=Strict")
+                      .field("Cache-Control", "no-store")
+                      .length(0)
+                      .closing()
+                      .text());
 }
 
 int sendOk(struct soap* soap) {
-  const std::string header = statusLine(soap, 200, "OK") +
-                             "Server: Velmo\r\nContent-Length: 2\r\nContent-Type: "
-                             "text/plain\r\n" +
-                             connectionLine(soap) + "\r\n";
+  const std::string header = HttpHead(soap, 200, "OK")
+                                 .length(2)
+                                 .field("Content-Type", "text/plain")
+                                 .connection(soap)
+                                 .text();
   return answered(soap, sendBytes(soap, header + "ok"));
 }
 
@@ -599,7 +625,7 @@ int KXFileService::admit(struct soap* soap) const {
       sendRefusal(soap, 403, decision.reason);
       break;
     case KXAccessDecision::Kind::unauthorized:
-      sendRefusal(soap, 401, decision.reason, "WWW-Authenticate: Bearer\r\n");
+      sendRefusal(soap, 401, decision.reason, "Bearer");
       break;
     case KXAccessDecision::Kind::confirmCall:
       sendCallConfirmation(soap, rawPath);
@@ -636,11 +662,11 @@ int KXFileService::parseHeader(struct soap* soap, const char* key, const char* v
 }
 
 int KXFileService::httpRefused(struct soap* soap) {
-  const std::string header = statusLine(soap, 405, "Method Not Allowed") +
-                             "Server: Velmo\r\nAllow: GET, POST, PUT, DELETE\r\nContent-Length: "
-                             "0\r\n" +
-                             connectionLine(soap) + "\r\n";
-  return answered(soap, sendBytes(soap, header));
+  return answered(soap, sendBytes(soap, HttpHead(soap, 405, "Method Not Allowed")
+                                            .field("Allow", "GET, POST, PUT, DELETE")
+                                            .length(0)
+                                            .connection(soap)
+                                            .text()));
 }
 
 int KXFileService::httpGet(struct soap* soap) {
@@ -681,11 +707,9 @@ int KXFileService::serveGet(struct soap* soap) const {
       return sendError(soap, 500);
     }
     const PageAnswer page = parsePageAnswer(answer);
-    std::string header = statusLine(soap, page.code, page.reason);
-    if (page.contentType) header += "Content-Type: " + *page.contentType + "\r\n";
-    header += "Content-Length: " + std::to_string(answer.size() - page.bodyStart) + "\r\n";
-    header += connectionLine(soap);
-    header += "\r\n";
+    HttpHead head(soap, page.code, page.reason, false);
+    if (page.contentType) head.field("Content-Type", *page.contentType);
+    const std::string header = head.length(answer.size() - page.bodyStart).connection(soap).text();
     return answered(soap, sendBytes(soap, header) && sendBytes(soap, answer.data() + page.bodyStart,
                                                                answer.size() - page.bodyStart));
   }
@@ -715,10 +739,12 @@ int KXFileService::serveGet(struct soap* soap) const {
       body += name;
       body += '\n';
     }
-    const std::string header = statusLine(soap, 200, "OK") +
-                               "Server: Velmo\r\nVelmo-File-Type: directory\r\n"
-                               "Content-Type: text/plain\r\nContent-Length: " +
-                               std::to_string(body.size()) + "\r\n" + closeLine(soap) + "\r\n";
+    const std::string header = HttpHead(soap, 200, "OK")
+                                   .field("Velmo-File-Type", "directory")
+                                   .field("Content-Type", "text/plain")
+                                   .length(body.size())
+                                   .connection(soap, false)
+                                   .text();
     return answered(soap, sendBytes(soap, header + body));
   }
 
@@ -729,11 +755,12 @@ int KXFileService::serveGet(struct soap* soap) const {
     return sendError(soap, 404);
   }
   const std::uint64_t size = static_cast<std::uint64_t>(info.st_size);
-  const std::string header = statusLine(soap, 200, "OK") +
-                             "Server: Velmo\r\nVelmo-File-Type: regular-file\r\n"
-                             "Content-Length: " +
-                             std::to_string(size) + "\r\nContent-Type: " + contentTypeOf(real) +
-                             "\r\n" + connectionLine(soap) + "\r\n";
+  const std::string header = HttpHead(soap, 200, "OK")
+                                 .field("Velmo-File-Type", "regular-file")
+                                 .length(size)
+                                 .field("Content-Type", contentTypeOf(real))
+                                 .connection(soap)
+                                 .text();
   if (!sendBytes(soap, header)) return answered(soap, false);
   std::vector<char> piece(kPieceBytes);
   std::uint64_t left = size;
