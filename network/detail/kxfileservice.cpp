@@ -195,12 +195,6 @@ Target mapPath(const std::string& rawPath, const std::map<std::string, fs::path>
 
 bool isReadOnlyRoot(const std::string& root) { return root == "System" || root == "share"; }
 
-// Whether `inner` is `outer` or lies below it (`strictly`: below only); both canonical.
-bool isWithin(const fs::path& outer, const fs::path& inner, bool strictly) {
-  const auto ends = std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end());
-  return ends.first == outer.end() && (!strictly || ends.second != inner.end());
-}
-
 std::optional<fs::path> canonicalFolder(const fs::path& folder) {
   if (folder.empty()) return std::nullopt;
   std::error_code error;
@@ -720,7 +714,7 @@ int KXFileService::serveGet(struct soap* soap) const {
   const fs::path real = fs::canonical(*root / target.relative, error);
   if (error) return sendError(soap, 404);
   // Following the links is what tells a link inside the root that leads out of it.
-  if (!isWithin(*root, real, false)) return refuse(soap, kGetFunction, rawPath, "GET");
+  if (!tu::path::isWithin(*root, real, false)) return refuse(soap, kGetFunction, rawPath, "GET");
 
   if (fs::is_directory(real, error)) {
     std::vector<std::string> names;
@@ -811,7 +805,7 @@ int KXFileService::servePut(struct soap* soap) const {
   if (!root) return reject(500);
   const fs::path wanted = fs::weakly_canonical(*root / target.relative, error);
   if (error) return reject(404);
-  if (!isWithin(*root, wanted, true)) {
+  if (!tu::path::isWithin(*root, wanted, true)) {
     logRefused(kPutFunction, "PUT", rawPath);
     return reject(404);
   }
@@ -822,7 +816,7 @@ int KXFileService::servePut(struct soap* soap) const {
   }
   // Checked again now that the folders exist: one of them may have been a link made since.
   const fs::path folder = fs::canonical(wanted.parent_path(), error);
-  if (error || !isWithin(*root, folder, false)) {
+  if (error || !tu::path::isWithin(*root, folder, false)) {
     logRefused(kPutFunction, "PUT", rawPath);
     return reject(404);
   }
@@ -867,21 +861,22 @@ int KXFileService::serveDelete(struct soap* soap) const {
   std::error_code error;
   const fs::path folder = fs::canonical(lexical.parent_path(), error);
   if (error) return sendError(soap, 404);
-  if (!isWithin(*root, folder, false)) return refuse(soap, kDeleteFunction, rawPath, "DELETE");
+  if (!tu::path::isWithin(*root, folder, false))
+    return refuse(soap, kDeleteFunction, rawPath, "DELETE");
   // The entry itself, not what a link points to: removing a link leaves its target alone.
   const fs::path entry = folder / lexical.filename();
   const fs::file_status status = fs::symlink_status(entry, error);
   if (error || !fs::exists(status)) return sendError(soap, 404);
   if (fs::is_symlink(status)) {
     const fs::path pointed = fs::weakly_canonical(entry, error);
-    if (error || !isWithin(*root, pointed, false)) {
+    if (error || !tu::path::isWithin(*root, pointed, false)) {
       return refuse(soap, kDeleteFunction, rawPath, "DELETE");
     }
   }
   // Neither a root's folder nor a folder holding one goes (a root may lie inside another).
   for (const auto& other : roots_) {
     const std::optional<fs::path> otherRoot = canonicalFolder(other.second);
-    if (otherRoot && isWithin(entry, *otherRoot, false)) return sendError(soap, 403);
+    if (otherRoot && tu::path::isWithin(entry, *otherRoot, false)) return sendError(soap, 403);
   }
   fs::remove_all(entry, error);
   if (error) return sendError(soap, 500);
