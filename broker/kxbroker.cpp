@@ -1,6 +1,6 @@
 #include "broker/kxbroker.h"
 
-#include "broker/kxbrokerimpl.h"
+#include "broker/detail/kxbrokerimpl.h"
 #include "broker/kxbrokermanager.h"
 #include "broker/kxbrokerpages.h"
 #include "broker/kxnetworkfactory.h"

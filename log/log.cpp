@@ -7,7 +7,7 @@
 #include <mutex>
 #include <utility>
 
-#include "log/consolehandler.h"
+#include "log/detail/consolehandler.h"
 #include "log/detail/dispatcher.h"
 #include "log/processwide.h"
 

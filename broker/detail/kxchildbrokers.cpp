@@ -1,4 +1,4 @@
-#include "broker/kxchildbrokers.h"
+#include "broker/detail/kxchildbrokers.h"
 
 #include "broker/kxbrokerproxy.h"
 

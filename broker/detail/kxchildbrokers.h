@@ -1,5 +1,5 @@
-#ifndef VELMO_BROKER_KXCHILDBROKERS_H_
-#define VELMO_BROKER_KXCHILDBROKERS_H_
+#ifndef VELMO_BROKER_DETAIL_KXCHILDBROKERS_H_
+#define VELMO_BROKER_DETAIL_KXCHILDBROKERS_H_
 
 #include <chrono>
 #include <map>
@@ -71,4 +71,4 @@ class KXChildBrokers {
 
 }  // namespace KX
 
-#endif  // VELMO_BROKER_KXCHILDBROKERS_H_
+#endif  // VELMO_BROKER_DETAIL_KXCHILDBROKERS_H_

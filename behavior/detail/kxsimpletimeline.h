@@ -1,5 +1,5 @@
-#ifndef VELMO_BEHAVIOR_KXSIMPLETIMELINE_H_
-#define VELMO_BEHAVIOR_KXSIMPLETIMELINE_H_
+#ifndef VELMO_BEHAVIOR_DETAIL_KXSIMPLETIMELINE_H_
+#define VELMO_BEHAVIOR_DETAIL_KXSIMPLETIMELINE_H_
 
 #include <chrono>
 #include <functional>
@@ -62,4 +62,4 @@ class KXSimpleTimeline : public KXTimeline {
 
 }  // namespace KX
 
-#endif  // VELMO_BEHAVIOR_KXSIMPLETIMELINE_H_
+#endif  // VELMO_BEHAVIOR_DETAIL_KXSIMPLETIMELINE_H_

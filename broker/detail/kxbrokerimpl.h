@@ -1,5 +1,5 @@
-#ifndef VELMO_BROKER_KXBROKERIMPL_H_
-#define VELMO_BROKER_KXBROKERIMPL_H_
+#ifndef VELMO_BROKER_DETAIL_KXBROKERIMPL_H_
+#define VELMO_BROKER_DETAIL_KXBROKERIMPL_H_
 
 #include <atomic>
 #include <map>
@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "broker/kxbroker.h"
-#include "broker/kxchildbrokers.h"
+#include "broker/detail/kxchildbrokers.h"
 #include "module/kxmoduleinfo.h"
 #include "thread/kxmutex.h"
 #include "value/kxvalue.h"
@@ -150,4 +150,4 @@ class KXBrokerImpl {
 
 }  // namespace KX
 
-#endif  // VELMO_BROKER_KXBROKERIMPL_H_
+#endif  // VELMO_BROKER_DETAIL_KXBROKERIMPL_H_

@@ -1,4 +1,4 @@
-#include "behavior/kxsimpletimeline.h"
+#include "behavior/detail/kxsimpletimeline.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,4 +1,4 @@
-#include "log/consolehandler.h"
+#include "log/detail/consolehandler.h"
 
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
-#ifndef VELMO_LOG_CONSOLEHANDLER_H_
-#define VELMO_LOG_CONSOLEHANDLER_H_
+#ifndef VELMO_LOG_DETAIL_CONSOLEHANDLER_H_
+#define VELMO_LOG_DETAIL_CONSOLEHANDLER_H_
 
 #include <cstdio>
 #include <string>
@@ -59,4 +59,4 @@ class ConsoleHandler {
 }  // namespace log
 }  // namespace tu
 
-#endif  // VELMO_LOG_CONSOLEHANDLER_H_
+#endif  // VELMO_LOG_DETAIL_CONSOLEHANDLER_H_

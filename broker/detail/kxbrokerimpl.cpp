@@ -1,4 +1,4 @@
-#include "broker/kxbrokerimpl.h"
+#include "broker/detail/kxbrokerimpl.h"
 
 #include <unistd.h>
 

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <thread>
 
-#include "broker/kxbrokerimpl.h"
+#include "broker/detail/kxbrokerimpl.h"
 #include "broker/kxbrokerproxy.h"
 #include "broker/kxnetworkfactory.h"
 #include "log/log.h"
