@@ -19,30 +19,33 @@ void appendCharReference(std::string& out, unsigned char c) {
   out.append(buffer, size);
 }
 
+void appendXmlEscaped(std::string& out, const std::string& text, unsigned escapes) {
+  const bool quotes = (escapes & kEscapeQuotes) != 0;
+  const bool controls = (escapes & kEscapeControls) != 0;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '&') {
+      out += "&amp;";
+    } else if (c == '<') {
+      out += "&lt;";
+    } else if (c == '>') {
+      out += "&gt;";
+    } else if (quotes && c == '"') {
+      out += "&quot;";
+    } else if (quotes && c == '\'') {
+      out += "&apos;";
+    } else if (controls && ((byte < 0x20 && c != '\t' && c != '\n') || byte == 0x7F)) {
+      appendCharReference(out, byte);
+    } else {
+      out += c;
+    }
+  }
+}
+
 std::string escapeXml(const std::string& text) {
   std::string out;
   out.reserve(text.size());
-  for (const char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&apos;";
-        break;
-      default:
-        out += c;
-    }
-  }
+  appendXmlEscaped(out, text, kEscapeQuotes);
   return out;
 }
 

@@ -14,6 +14,16 @@ int hexDigitValue(char c);
 // ("&#x9;", "&#x1F;"), as the SOAP runtime writes it.
 void appendCharReference(std::string& out, unsigned char c);
 
+// What appendXmlEscaped writes as entities or references besides &, < and >.
+enum XmlEscapes : unsigned {
+  kEscapeQuotes = 1,    // " and ' as &quot; and &apos;: safe in quoted attributes too
+  kEscapeControls = 2,  // the control characters but tab and line feed, and DEL, as
+                        // character references, as the SOAP runtime writes element text
+};
+
+// Appends `text` with &, < and > written as entities, and what `escapes` asks for.
+void appendXmlEscaped(std::string& out, const std::string& text, unsigned escapes);
+
 // `text` with the five XML special characters written as entities (&amp; &lt; &gt; &quot;
 // &apos;): safe inside element text and quoted attributes, in XML and in HTML.
 std::string escapeXml(const std::string& text);

@@ -33,31 +33,6 @@ constexpr char kEnvelopeStart[] =
     "SOAP-ENV:encodingStyle=\"http://schemas.xmlsoap.org/soap/encoding/\">";
 constexpr char kEnvelopeEnd[] = "</SOAP-ENV:Body></SOAP-ENV:Envelope>\r\n";
 
-// Element text as the runtime escapes it.
-void appendText(std::string& out, const std::string& text) {
-  for (const char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      default: {
-        const auto byte = static_cast<unsigned char>(c);
-        if ((byte < 0x20 && c != '\t' && c != '\n') || byte == 0x7F) {
-          appendCharReference(out, byte);
-        } else {
-          out += c;
-        }
-      }
-    }
-  }
-}
-
 }  // namespace
 
 void writeCallRequest(std::string& out, bool callVelmo2, const std::string& module,
@@ -67,9 +42,9 @@ void writeCallRequest(std::string& out, bool callVelmo2, const std::string& modu
   out += '<';
   out += element;
   out += "><kxbroker:mod>";
-  appendText(out, module);
+  appendXmlEscaped(out, module, kEscapeControls);
   out += "</kxbroker:mod><kxbroker:meth>";
-  appendText(out, method);
+  appendXmlEscaped(out, method, kEscapeControls);
   out += "</kxbroker:meth><kxbroker:p xsi:type=\"xsd:anyType\">";
   writeKXValue(param, out, false);
   out += "</kxbroker:p></";
