@@ -4,34 +4,39 @@
 #include <utility>
 
 #include "broker/kxbroker.h"
+#include "log/processwide.h"
 #include "module/kxmodulecore.h"
 #include "value/kxerror.h"
 
 namespace KX {
 namespace {
 
-std::mutex& factoryMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
+// The installed factory, for the life of the process: brokers launch their network from
+// any thread, the fallback broker even while the process exits.
+struct Installed {
+  std::mutex mutex;
+  KXNetworkFactory factory;  // guarded by mutex
+};
 
-KXNetworkFactory& factory() {
-  static KXNetworkFactory installed;
-  return installed;
+Installed& installed() {
+  static tu::ProcessWide<Installed> instance;
+  return instance.get();
 }
 
 }  // namespace
 
 void setNetworkFactory(KXNetworkFactory networkFactory) {
-  std::lock_guard<std::mutex> guard(factoryMutex());
-  factory() = std::move(networkFactory);
+  Installed& slot = installed();
+  std::lock_guard<std::mutex> guard(slot.mutex);
+  slot.factory = std::move(networkFactory);
 }
 
 std::shared_ptr<KXNetworkService> createNetworkModule(const std::shared_ptr<KXBroker>& broker) {
   KXNetworkFactory make;
   {
-    std::lock_guard<std::mutex> guard(factoryMutex());
-    make = factory();
+    Installed& slot = installed();
+    std::lock_guard<std::mutex> guard(slot.mutex);
+    make = slot.factory;
   }
   std::shared_ptr<KXModuleCore> module = make ? make(broker) : nullptr;
   auto service = std::dynamic_pointer_cast<KXNetworkService>(module);

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 
+#include "log/processwide.h"
 #include "network/detail/kxaccesspolicy.h"
 #include "value/kxerror.h"
 #include "value/textcoding.h"
@@ -23,10 +24,11 @@ struct Settings {
   KXAccessSettings settings;  // guarded by mutex
 };
 
-// Lives until the process ends: brokers may be created at any time, from any thread.
+// Lives until the process ends: brokers may be created at any time, from any thread, and
+// a broker's threads may still ask while the process exits.
 Settings& processSettings() {
-  static Settings settings;
-  return settings;
+  static tu::ProcessWide<Settings> settings;
+  return settings.get();
 }
 
 // `source`: where the value came from, named in the error ("" for a caller's argument).
