@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "broker/kxbroker.h"
 #include "broker/detail/kxchildbrokers.h"
+#include "broker/kxbroker.h"
 #include "module/kxmoduleinfo.h"
 #include "thread/kxmutex.h"
 #include "value/kxvalue.h"
@@ -57,6 +57,8 @@ class KXBrokerImpl {
   std::shared_ptr<KXModuleCore> getModuleCore(const std::string& name) const;
   std::vector<std::shared_ptr<KXModuleCore>> getModules() const;
   int getModuleByName(const std::string& name, bool loadLib, KXModuleInfo& info);
+  // Asks the parent to search up and down, this branch excluded; fills `info` when found.
+  void searchParent(const std::string& name, bool loadLib, KXModuleInfo& info);
   int exploreToGetModuleByName(const std::string& name, bool searchUp, bool searchDown,
                                const std::string& excludedBroker, bool loadLib, KXModuleInfo& info);
   bool isModulePresent(const std::string& name);

@@ -108,14 +108,18 @@ int KXBrokerImpl::getModuleByName(const std::string& name, bool loadLib, KXModul
   if (!info.name.empty() && !loadLib) {
     return 0;
   }
-  if (std::shared_ptr<KXBrokerProxy> parent = getParentProxy()) {
-    KXModuleInfo found;
-    if (parent->exploreToGetModuleByName(name, true, true, getName(), loadLib, found) == 0 &&
-        !found.name.empty()) {
-      info = found;
-    }
-  }
+  searchParent(name, loadLib, info);
   return info.name.empty() ? -1 : 0;
+}
+
+void KXBrokerImpl::searchParent(const std::string& name, bool loadLib, KXModuleInfo& info) {
+  std::shared_ptr<KXBrokerProxy> parent = getParentProxy();
+  if (!parent) return;
+  KXModuleInfo found;
+  if (parent->exploreToGetModuleByName(name, true, true, getName(), loadLib, found) == 0 &&
+      !found.name.empty()) {
+    info = found;
+  }
 }
 
 int KXBrokerImpl::exploreToGetModuleByName(const std::string& name, bool searchUp, bool searchDown,
@@ -138,15 +142,7 @@ int KXBrokerImpl::exploreToGetModuleByName(const std::string& name, bool searchU
       }
     }
   }
-  if (searchUp) {
-    if (std::shared_ptr<KXBrokerProxy> parent = getParentProxy()) {
-      KXModuleInfo found;
-      if (parent->exploreToGetModuleByName(name, true, true, getName(), loadLib, found) == 0 &&
-          !found.name.empty()) {
-        info = found;
-      }
-    }
-  }
+  if (searchUp) searchParent(name, loadLib, info);
   return info.name.empty() ? -1 : 0;
 }
 
