@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "behavior/kxbehavior.h"
-#include "behavior/kxsimpletimeline.h"
+#include "behavior/detail/kxsimpletimeline.h"
 #include "broker/kxbroker.h"
 #include "log/log.h"
 #include "module/kxproxy.h"

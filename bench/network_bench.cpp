@@ -238,7 +238,8 @@ void checkKey(const KXValue& result) {
 // One small echo call, its result checked.
 struct SmallCall {
   explicit SmallCall(int port)
-      : proxy(std::make_unique<KXProxy>("Echo", kServerIp, port)),
+      : proxy(std::make_unique<KXProxy>(KX::KXBrokerManager::getInstance()->getEmptyBroker(),
+                                        "Echo", kServerIp, port)),
         arguments(argumentsOf(KXValue(kKey))) {}
   void operator()() { checkKey(proxy->genericCall("echo", arguments)); }
 
@@ -269,7 +270,7 @@ void workloadA(int port) {
 
 void workloadB(int port) {
   const long count = envLong("BENCH_NB", 200);
-  KXProxy proxy("Echo", kServerIp, port);
+  KXProxy proxy(KX::KXBrokerManager::getInstance()->getEmptyBroker(), "Echo", kServerIp, port);
   std::vector<unsigned char> blob(kBlobSize);
   for (std::size_t i = 0; i < kBlobSize; ++i) blob[i] = static_cast<unsigned char>(i * 131u);
   KXValue value;

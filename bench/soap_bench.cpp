@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "network/kxvaluesoap.h"
+#include "network/detail/kxvaluesoap.h"
 #include "value/kxvalue.h"
 
 namespace {

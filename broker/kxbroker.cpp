@@ -1,9 +1,9 @@
 #include "broker/kxbroker.h"
 
-#include "broker/kxbrokerimpl.h"
+#include "broker/detail/kxbrokerimpl.h"
 #include "broker/kxbrokermanager.h"
 #include "broker/kxbrokerpages.h"
-#include "broker/kxnetworkservice.h"
+#include "broker/kxnetworkfactory.h"
 #include "log/log.h"
 
 namespace KX {
@@ -135,6 +135,8 @@ int KXBroker::queueParallelCall(const std::shared_ptr<detail::KXTaskInfo>& info,
 }
 
 std::string KXBroker::getPage(const std::string& path) { return detail::answerPage(*this, path); }
+
+std::shared_ptr<KXBroker> KXBroker::broker() { return shared_from_this(); }
 
 std::string KXBroker::getName() const { return impl_->getName(); }
 

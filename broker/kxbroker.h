@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "module/kxmodulehost.h"
 #include "module/kxmoduleinfo.h"
 #include "value/kxvalue.h"
 
@@ -29,7 +30,7 @@ class KXTaskInfo;
 // Ownership: brokers are held by std::shared_ptr (the broker manager lists every live
 // broker); modules and proxies refer to their broker weakly. Create one with
 // createBroker. Thread-safety: every member may be called from any thread.
-class KXBroker : public std::enable_shared_from_this<KXBroker> {
+class KXBroker : public KXModuleHost, public std::enable_shared_from_this<KXBroker> {
  public:
   // Creation flags.
   static constexpr int kKeepAlive = 0x01;       // no "Exit" line at shutdown
@@ -47,7 +48,7 @@ class KXBroker : public std::enable_shared_from_this<KXBroker> {
 
   // A closed broker; createBroker is the usual way to get an open one.
   KXBroker();
-  virtual ~KXBroker();
+  ~KXBroker() override;
   KXBroker(const KXBroker&) = delete;
   KXBroker& operator=(const KXBroker&) = delete;
 
@@ -66,13 +67,13 @@ class KXBroker : public std::enable_shared_from_this<KXBroker> {
   void registerModule(const std::string& name, const std::shared_ptr<KXModuleCore>& module);
   // Removes `module` from the table if it is still the one registered under `name` (a
   // module's exit hands its name here).
-  void unregisterModule(const std::string& name, const KXModuleCore* module);
+  void unregisterModule(const std::string& name, const KXModuleCore* module) override;
   // The local module registered under `name`, or null.
-  std::shared_ptr<KXModuleCore> getModuleCore(const std::string& name) const;
+  std::shared_ptr<KXModuleCore> getModuleCore(const std::string& name) const override;
   // The local modules, in name order.
   std::vector<std::shared_ptr<KXModuleCore>> getModules() const;
   // Tree search: 0 and `info` filled when found, -1 otherwise.
-  int getModuleByName(const std::string& name, bool loadLib, KXModuleInfo& info);
+  int getModuleByName(const std::string& name, bool loadLib, KXModuleInfo& info) override;
   int exploreToGetModuleByName(const std::string& name, bool searchUp, bool searchDown,
                                const std::string& excludedBroker, bool loadLib, KXModuleInfo& info);
   bool isModulePresent(const std::string& name);
@@ -84,7 +85,7 @@ class KXBroker : public std::enable_shared_from_this<KXBroker> {
 
   // ---- The broker tree
   // The "KXNetwork" module, null when the network was never launched.
-  std::shared_ptr<KXNetworkService> getNetwork() const;
+  std::shared_ptr<KXNetworkService> getNetwork() const override;
   // Connects the client side to the parent; throws KXError("KXBroker", "Connect to
   // parent", "Timeout") when the parent does not answer.
   void configureClient(const std::string& parentIp, int parentPort);
@@ -112,29 +113,30 @@ class KXBroker : public std::enable_shared_from_this<KXBroker> {
   // Continues numbering after `last` (an even id): lets tests reach the wrap quickly.
   void resetTaskIds(int last);
   std::shared_ptr<detail::KXTaskInfo> createTaskInfo(const std::string& module,
-                                                     const std::string& method);
+                                                     const std::string& method) override;
   // Enters `info` in the task monitor, names `task` "pcall: <module>::<method>" and
   // queues it; returns the id. When the pool refuses it (shut down) the entry is removed
   // and KXError("KXBroker", "post", ...) is thrown.
   int queueParallelCall(const std::shared_ptr<detail::KXTaskInfo>& info,
-                        const std::shared_ptr<KXTask>& task);
+                        const std::shared_ptr<KXTask>& task) override;
 
   // ---- HTTP pages: the whole response text for a request path.
   std::string getPage(const std::string& path);
 
   // ---- Accessors
-  std::string getName() const;
+  std::shared_ptr<KXBroker> broker() override;
+  std::string getName() const override;
   std::string getIP() const;
   int getPort() const;
   std::string getParentIP() const;
   int getParentPort() const;
   bool hasParent() const;
-  KXBrokerInfo getBrokerInfo() const;
+  KXBrokerInfo getBrokerInfo() const override;
   // The address learnt from the network (a free port, the IP the parent sees).
   void setIP(const std::string& ip);
   void setPort(int port);
   std::shared_ptr<KXThreadPool> getThreadPool() const;
-  std::shared_ptr<KXTaskMonitor> getTaskMonitor() const;
+  std::shared_ptr<KXTaskMonitor> getTaskMonitor() const override;
 
  private:
   std::unique_ptr<KXBrokerImpl> impl_;

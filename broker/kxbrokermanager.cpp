@@ -1,12 +1,12 @@
 #include "broker/kxbrokermanager.h"
 
 #include <algorithm>
-#include <array>
 #include <mutex>
 #include <utility>
 
 #include "broker/detail/kxbrokermanagerinstance.h"
 #include "broker/kxbroker.h"
+#include "log/processwide.h"
 #include "thread/kxmutex.h"
 #include "value/kxerror.h"
 
@@ -25,8 +25,8 @@ struct InstanceSlot {
 };
 
 InstanceSlot& instanceSlot() {
-  static InstanceSlot& slot = *std::make_unique<InstanceSlot>().release();
-  return slot;
+  static tu::ProcessWide<InstanceSlot> slot;
+  return slot.get();
 }
 
 // Shuts down the brokers still listed when the library is unloaded at process exit.
@@ -190,16 +190,6 @@ std::shared_ptr<KXBroker> KXBrokerManager::getEmptyBroker() {
 std::vector<std::shared_ptr<KXBroker>> KXBrokerManager::getBrokers() {
   KXScopedReadLock guard(impl_->lock);
   return impl_->brokers;
-}
-
-bool isInternalModuleName(const std::string& name) {
-  static const std::array<const char*, 6> kInternalParts = {
-      "KXFrameManager__", "KXNetwork", "KXMecaLogger", "KXRobotModel", "KXTelepathe", "KXStore"};
-  if (!name.empty() && name[0] == '_') {
-    return true;
-  }
-  return std::any_of(kInternalParts.begin(), kInternalParts.end(),
-                     [&name](const char* part) { return name.find(part) != std::string::npos; });
 }
 
 }  // namespace KX

@@ -47,11 +47,6 @@ class KXBrokerManager {
   std::unique_ptr<Impl> impl_;
 };
 
-// True for names hidden from module, method and task lists: names that begin with "_" or
-// contain "KXFrameManager__", "KXNetwork", "KXMecaLogger", "KXRobotModel", "KXTelepathe"
-// or "KXStore".
-bool isInternalModuleName(const std::string& name);
-
 }  // namespace KX
 
 #endif  // VELMO_BROKER_KXBROKERMANAGER_H_

@@ -19,16 +19,25 @@
 #include "value/kxerror.h"
 #include "value/kxvalue.h"
 #include "value/kxvaluejson.h"
+#include "value/textcoding.h"
 
 namespace KX {
 namespace detail {
 
 namespace {
 
-constexpr char kEmptyAnswer[] = "HTTP/1.0 200\r\n\r\n";
-constexpr char kXmlHeader[] = "HTTP/1.0 200\r\nContent-Type: text/xml\r\n\r\n";
-constexpr char kTextHeader[] = "HTTP/1.0 200\r\nContent-Type: text/plain\r\n\r\n";
-constexpr char kHtmlHeader[] = "HTTP/1.0 200\r\nContent-Type: text/html\r\n\r\n";
+// Every page answer starts with this head: the status line, then the content type when
+// there is one.
+std::string pageHead(const char* contentType) {
+  std::string head = "HTTP/1.0 200\r\n";
+  if (contentType != nullptr) {
+    head += "Content-Type: ";
+    head += contentType;
+    head += "\r\n";
+  }
+  return head + "\r\n";
+}
+
 constexpr char kXmlDeclaration[] = "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n";
 constexpr char kBrokerStylesheet[] =
     "<?xml-stylesheet type=\"text/xsl\" href=\"xsl/broker.xsl\"?>\n";
@@ -37,11 +46,9 @@ constexpr char kModuleStylesheet[] =
 
 constexpr char kEvalPrefix[] = "/?eval";
 constexpr char kJsonCallPrefix[] = "/?json";
-constexpr char kJsonHeader[] = "HTTP/1.0 200\r\nContent-Type: application/json\r\n\r\n";
 constexpr char kContentSuffix[] = "Content.html";
 constexpr char kHtmlSuffix[] = ".html";
 constexpr char kHtmlShell[] = "/html/page.html";
-constexpr char kHtmlPageHeader[] = "HTTP/1.0 200\r\nContent-Type: text/html; charset=utf-8\r\n\r\n";
 constexpr char kXmlSuffix[] = ".xml";
 
 constexpr char kUrlCallError[] = "Unable to evaluate url call";
@@ -53,13 +60,6 @@ bool startsWith(const std::string& text, const std::string& prefix) {
 bool endsWith(const std::string& text, const std::string& suffix) {
   return text.size() >= suffix.size() &&
          text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
 }
 
 // <tag>escaped text</tag>
@@ -78,7 +78,7 @@ void appendElement(std::string& out, const char* tag, int number) {
 }
 
 std::string brokerHref(const std::string& ip, int port) {
-  return "http://" + ip + ":" + std::to_string(port) + "/index.xml";
+  return endpointOf(ip, port) + "/index.xml";
 }
 
 // The modules the pages show: internal ones are left out. In name order.
@@ -185,7 +185,7 @@ void appendTasks(std::string& out, KXBroker& broker) {
 std::string brokerPage(KXBroker& broker, bool withMethods) {
   const std::vector<std::shared_ptr<KXModuleCore>> modules = listedModules(broker);
 
-  std::string out = std::string(kXmlHeader) + kXmlDeclaration + kBrokerStylesheet;
+  std::string out = pageHead("text/xml") + kXmlDeclaration + kBrokerStylesheet;
   out += "<page>\n";
 
   out += "<broker>\n";
@@ -253,7 +253,7 @@ std::string modulePage(KXBroker& broker, KXModuleCore& module) {
     if (std::next(self) != modules.end()) next = (*std::next(self))->getName() + kXmlSuffix;
   }
 
-  std::string out = std::string(kXmlHeader) + kXmlDeclaration + kModuleStylesheet;
+  std::string out = pageHead("text/xml") + kXmlDeclaration + kModuleStylesheet;
   out += "<page>\n";
   appendElement(out, "pagetitle", "Velmo Module Page : " + name);
   out += "<module>\n";
@@ -284,48 +284,6 @@ std::shared_ptr<KXModuleCore> moduleForPath(KXBroker& broker, const std::string&
 }
 
 }  // namespace
-
-std::string escapeXml(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&apos;";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
-
-std::string decodeUrl(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '%' && i + 2 < text.size() && hexValue(text[i + 1]) >= 0 &&
-        hexValue(text[i + 2]) >= 0) {
-      out += static_cast<char>(hexValue(text[i + 1]) * 16 + hexValue(text[i + 2]));
-      i += 2;
-    } else {
-      out += text[i];
-    }
-  }
-  return out;
-}
 
 KXValue callFromUrl(KXBroker& broker, const std::string& call, std::string& error) {
   error.clear();
@@ -415,7 +373,7 @@ std::optional<std::string> docFileAnswer(const std::string& path) {
     return std::nullopt;
   }
   const std::optional<std::string> type = tu::path::docContentType(path);
-  return (type ? "HTTP/1.0 200\r\nContent-Type: " + *type + "\r\n\r\n" : std::string()) + *body;
+  return (type ? pageHead(type->c_str()) : std::string()) + *body;
 }
 
 // The pages for a person: HTML shells whose script draws the broker or module page from
@@ -428,26 +386,28 @@ std::optional<std::string> htmlPage(KXBroker& broker, const std::string& path) {
   }
   // One shell for every page: its script tells them apart by the address.
   const std::optional<std::string> body = docFileText(kHtmlShell);
-  return kHtmlPageHeader + (body ? *body
-                                 : std::string("<!DOCTYPE html><p>The SDK data folder has no ") +
-                                       kHtmlShell + ".</p>");
+  return pageHead("text/html; charset=utf-8") +
+         (body ? *body
+               : std::string("<!DOCTYPE html><p>The SDK data folder has no ") + kHtmlShell +
+                     ".</p>");
 }
 
 }  // namespace
 
 std::string answerPage(KXBroker& broker, const std::string& rawPath) {
-  const std::string path = decodeUrl(rawPath);
+  const std::string path = percentDecode(rawPath);
   try {
     if (path == "/favicon.ico") {
-      return kEmptyAnswer;
+      return pageHead(nullptr);
     }
     for (const char* prefix : {kEvalPrefix, kJsonCallPrefix}) {
       if (!startsWith(path, prefix)) continue;
       std::string call = path.substr(std::char_traits<char>::length(prefix));
       // "/?eval=<call>" is how people write a query by hand.
       if (startsWith(call, "=")) call.erase(0, 1);
-      return prefix == kEvalPrefix ? kTextHeader + evaluateUrlCall(broker, call)
-                                   : kJsonHeader + evaluateUrlCallAsJson(broker, call);
+      return prefix == kEvalPrefix
+                 ? pageHead("text/plain") + evaluateUrlCall(broker, call)
+                 : pageHead("application/json") + evaluateUrlCallAsJson(broker, call);
     }
     if (auto page = htmlPage(broker, path)) {
       return *page;
@@ -456,7 +416,7 @@ std::string answerPage(KXBroker& broker, const std::string& rawPath) {
       return brokerPage(broker, true);
     }
     if (auto module = moduleForPath(broker, path, kContentSuffix)) {
-      return kHtmlHeader + module->getContentPage();
+      return pageHead("text/html") + module->getContentPage();
     }
     if (path != "/index.xml") {
       if (auto module = moduleForPath(broker, path, kXmlSuffix)) {
@@ -472,7 +432,7 @@ std::string answerPage(KXBroker& broker, const std::string& rawPath) {
     return brokerPage(broker, false);
   } catch (const std::exception& error) {
     // A module's description or content page failed: say so rather than drop the answer.
-    return kTextHeader + std::string(error.what());
+    return pageHead("text/plain") + error.what();
   }
 }
 

@@ -42,13 +42,6 @@ std::string evaluateUrlCall(KXBroker& broker, const std::string& call);
 // The body of a JSON URL call: {"result": value} or {"error": text}.
 std::string evaluateUrlCallAsJson(KXBroker& broker, const std::string& call);
 
-// `text` with &, <, >, " and ' written as XML entities.
-std::string escapeXml(const std::string& text);
-
-// `text` with every "%XX" (two hexadecimal digits) replaced by that byte; other '%' and
-// '+' are kept as they are.
-std::string decodeUrl(const std::string& text);
-
 }  // namespace detail
 }  // namespace KX
 

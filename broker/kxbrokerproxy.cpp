@@ -1,15 +1,15 @@
 #include "broker/kxbrokerproxy.h"
 
 #include "broker/kxbroker.h"
-#include "broker/kxnetworkservice.h"
 #include "log/log.h"
+#include "module/kxnetworkservice.h"
 #include "value/kxerror.h"
 
 namespace KX {
 
 KXBrokerProxy::KXBrokerProxy(const std::shared_ptr<KXBroker>& localBroker, const std::string& ip,
                              int port, int timeoutSeconds)
-    : localBroker_(localBroker), endpoint_("http://" + ip + ":" + std::to_string(port)) {
+    : localBroker_(localBroker), endpoint_(endpointOf(ip, port)) {
   KX_ASSERT("KXBrokerProxy", localBroker != nullptr);
   std::shared_ptr<KXNetworkService> service = localBroker->getNetwork();
   if (!service) {

@@ -6,7 +6,8 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "network/kxaccesspolicy.h"
+#include "network/kxaccesssettings.h"
+#include "value/textcoding.h"
 
 namespace velmo {
 namespace {
@@ -59,7 +60,7 @@ AccessNotice accessNotice(const std::string& ip, int port, const std::string& to
   } else {
     const std::string host = everywhere ? "127.0.0.1" : ip;
     notice.lines.push_back("A token is required for every request; open http://" + host + ":" +
-                           portText + KX::KXAccessPolicy::kTokenQuery + token +
+                           portText + KX::kTokenQuery + token +
                            " in a browser; programs send the token of VELMO_TOKEN");
   }
   return notice;

@@ -7,8 +7,9 @@
 #include <mutex>
 #include <utility>
 
-#include "log/consolehandler.h"
+#include "log/detail/consolehandler.h"
 #include "log/detail/dispatcher.h"
+#include "log/processwide.h"
 
 namespace tu {
 namespace log {
@@ -31,10 +32,10 @@ struct Facility {
 };
 
 Facility& facility() {
-  // Deliberately never destroyed: objects torn down at process exit, in any order, may
-  // still log; after the tear-down below their records are simply dropped.
-  static Facility& instance = *std::make_unique<Facility>().release();
-  return instance;
+  // Objects torn down at process exit, in any order, may still log; after the tear-down
+  // below their records are simply dropped.
+  static tu::ProcessWide<Facility> instance;
+  return instance.get();
 }
 
 std::shared_ptr<detail::Dispatcher> currentDispatcher() {

@@ -36,13 +36,12 @@ std::optional<fs::path> dataDirBeside(const fs::path& library) {
   return found;
 }
 
-// Whether `inner` lies strictly below `outer`; both canonical.
-bool isBelow(const fs::path& outer, const fs::path& inner) {
-  const auto ends = std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end());
-  return ends.first == outer.end() && ends.second != inner.end();
-}
-
 }  // namespace
+
+bool isWithin(const fs::path& outer, const fs::path& inner, bool strictly) {
+  const auto ends = std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end());
+  return ends.first == outer.end() && (!strictly || ends.second != inner.end());
+}
 
 std::optional<fs::path> libraryDir() {
   const std::optional<fs::path> file = libraryFile();
@@ -87,7 +86,7 @@ std::optional<fs::path> resolveDocPath(const fs::path& root, const std::string& 
   if (error) return std::nullopt;
   // Following the links is what tells a link inside the root that leads out of it.
   fs::path file = fs::canonical(realRoot / relative, error);
-  if (error || !isBelow(realRoot, file)) return std::nullopt;
+  if (error || !isWithin(realRoot, file, true)) return std::nullopt;
   if (!fs::is_regular_file(file, error)) return std::nullopt;
   return file;
 }

@@ -13,6 +13,11 @@ namespace path {
 // it is installed (<prefix>/lib, <prefix>/share/velmo), so no setting is needed to find it.
 // Every function here is thread-safe; none caches a negative answer.
 
+// Whether `inner` is `outer` or lies below it (`strictly`: below only), both canonical:
+// the one containment check of every path taken from a request.
+bool isWithin(const std::filesystem::path& outer, const std::filesystem::path& inner,
+              bool strictly);
+
 // The directory of the loaded libvelmo.so, absolute; nullopt when the loader cannot say.
 std::optional<std::filesystem::path> libraryDir();
 

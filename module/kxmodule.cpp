@@ -11,8 +11,8 @@ constexpr char kTaskIdDescription[] =
 
 }  // namespace
 
-KXModule::KXModule(const std::shared_ptr<KXBroker>& broker, const std::string& name)
-    : KXModuleCore(broker, name, DeferBuiltins{}) {
+KXModule::KXModule(const std::shared_ptr<KXModuleHost>& host, const std::string& name)
+    : KXModuleCore(host, name, DeferBuiltins{}) {
   bindBuiltinMethods([this] {
     functionName("wait", kBuiltinClass,
                  "Wait for the end of a long running method that was called using 'post'");

@@ -6,9 +6,8 @@
 #include <map>
 #include <utility>
 
-#include "broker/kxbroker.h"
-#include "broker/kxbrokermanager.h"
 #include "log/log.h"
+#include "module/kxmodulehost.h"
 #include "module/kxpcalltask.h"
 #include "module/kxtaskmonitor.h"
 #include "thread/kxmutex.h"
@@ -54,15 +53,15 @@ std::string usageTypeName(const std::string& type) {
 }  // namespace
 
 struct KXModuleCore::Impl {
-  Impl(const std::shared_ptr<KXBroker>& parent, const std::string& moduleName)
-      : name(moduleName), broker(parent) {
+  Impl(const std::shared_ptr<KXModuleHost>& parent, const std::string& moduleName)
+      : name(moduleName), host(parent) {
     moduleDescription.arraySetSize(1);
     moduleDescription[0] = std::string();
   }
 
   // Constant after construction
   const std::string name;
-  const std::weak_ptr<KXBroker> broker;
+  const std::weak_ptr<KXModuleHost> host;
 
   // Guards the method table. Taken alone, or after describeMutex (never before it).
   const std::shared_ptr<KXMutex> tableMutex = KXMutex::create();
@@ -90,14 +89,14 @@ struct KXModuleCore::Impl {
   std::atomic<int> registrationIndex{-1};
 };
 
-KXModuleCore::KXModuleCore(const std::shared_ptr<KXBroker>& broker, const std::string& name)
-    : KXModuleCore(broker, name, DeferBuiltins{}) {
+KXModuleCore::KXModuleCore(const std::shared_ptr<KXModuleHost>& host, const std::string& name)
+    : KXModuleCore(host, name, DeferBuiltins{}) {
   bindBuiltinMethods({});
 }
 
-KXModuleCore::KXModuleCore(const std::shared_ptr<KXBroker>& broker, const std::string& name,
+KXModuleCore::KXModuleCore(const std::shared_ptr<KXModuleHost>& host, const std::string& name,
                            DeferBuiltins)
-    : impl_(std::make_unique<Impl>(broker, name)) {}
+    : impl_(std::make_unique<Impl>(host, name)) {}
 
 KXModuleCore::~KXModuleCore() = default;
 
@@ -181,8 +180,8 @@ std::string KXModuleCore::version() { return "1.14"; }
 void KXModuleCore::exit() {
   if (impl_->exiting.exchange(true)) return;
   // Without a broker there is no table to leave.
-  if (const std::shared_ptr<KXBroker> broker = impl_->broker.lock()) {
-    broker->unregisterModule(getName(), this);
+  if (const std::shared_ptr<KXModuleHost> host = impl_->host.lock()) {
+    host->unregisterModule(getName(), this);
   }
 }
 
@@ -377,16 +376,18 @@ std::string KXModuleCore::getUsage(const std::string& name) {
 
 bool KXModuleCore::ping() { return true; }
 
-std::shared_ptr<KXBroker> KXModuleCore::getParentBroker() const {
-  std::shared_ptr<KXBroker> broker = impl_->broker.lock();
-  if (!broker) {
+std::shared_ptr<KXModuleHost> KXModuleCore::getHost() const {
+  std::shared_ptr<KXModuleHost> host = impl_->host.lock();
+  if (!host) {
     KX_THROW("KXModule", "getParentBroker",
              "Module " + impl_->name + " does not have a Broker anymore.");
   }
-  return broker;
+  return host;
 }
 
-std::string KXModuleCore::getBrokerName() { return getParentBroker()->getName(); }
+std::shared_ptr<KXBroker> KXModuleCore::getParentBroker() const { return getHost()->broker(); }
+
+std::string KXModuleCore::getBrokerName() { return getHost()->getName(); }
 
 // ---------------------------------------------------------------- method lookup
 
@@ -420,17 +421,17 @@ std::shared_ptr<const KXMethodInfo> KXModuleCore::findMethod(const std::string& 
 // ---------------------------------------------------------------- parallel calls
 
 std::shared_ptr<KXTaskMonitor> KXModuleCore::getTaskMonitor() const {
-  std::shared_ptr<KXTaskMonitor> monitor = getParentBroker()->getTaskMonitor();
+  std::shared_ptr<KXTaskMonitor> monitor = getHost()->getTaskMonitor();
   KX_ASSERT("KXModuleCore", monitor != nullptr);
   return monitor;
 }
 
 int KXModuleCore::pCall(const std::string& method, const KXValue& params) {
   const std::shared_ptr<const KXMethodInfo> info = findMethod(method);
-  const std::shared_ptr<KXBroker> broker = getParentBroker();
-  const std::shared_ptr<detail::KXTaskInfo> task = broker->createTaskInfo(impl_->name, method);
+  const std::shared_ptr<KXModuleHost> host = getHost();
+  const std::shared_ptr<detail::KXTaskInfo> task = host->createTaskInfo(impl_->name, method);
   // The task holds the module strongly: its functor calls this object.
-  return broker->queueParallelCall(
+  return host->queueParallelCall(
       task,
       std::make_shared<KXPCallTask>(getTaskMonitor(), task, shared_from_this(), info, params));
 }

@@ -15,6 +15,7 @@
 namespace KX {
 
 class KXBroker;
+class KXModuleHost;
 class KXTaskMonitor;
 
 // The base of every module: a named object that publishes methods which other code calls
@@ -22,7 +23,8 @@ class KXTaskMonitor;
 //
 // Ownership: modules are held by std::shared_ptr (the broker's module table, proxies
 // lock their weak references for the duration of a call); a module refers to its broker
-// weakly. Build one with createModule<T>(broker, name), which also registers it.
+// weakly, through the KXModuleHost it implements. Build one with createModule<T>(broker,
+// name), which also registers it.
 //
 // A module describes and binds its methods in its constructor:
 //   functionName("add", "Calculator", "Adds two numbers");
@@ -37,7 +39,7 @@ class KXTaskMonitor;
 class KXModuleCore : public std::enable_shared_from_this<KXModuleCore> {
  public:
   // Binds the built-in methods of every module (see bindBuiltinMethods).
-  KXModuleCore(const std::shared_ptr<KXBroker>& broker, const std::string& name);
+  KXModuleCore(const std::shared_ptr<KXModuleHost>& host, const std::string& name);
   virtual ~KXModuleCore();
   KXModuleCore(const KXModuleCore&) = delete;
   KXModuleCore& operator=(const KXModuleCore&) = delete;
@@ -126,6 +128,8 @@ class KXModuleCore : public std::enable_shared_from_this<KXModuleCore> {
   // Throws KXError("KXModule", "getParentBroker", "Module <name> does not have a Broker
   // anymore.") once the broker is gone.
   std::shared_ptr<KXBroker> getParentBroker() const;
+  // The same broker as the module layer sees it; the same error once it is gone.
+  std::shared_ptr<KXModuleHost> getHost() const;
   std::string getBrokerName();
 
   // ---- Method lookup
@@ -160,7 +164,7 @@ class KXModuleCore : public std::enable_shared_from_this<KXModuleCore> {
   // For classes that bind built-in methods of their own: binds nothing, so that the
   // derived constructor can bind the whole set in order with bindBuiltinMethods.
   struct DeferBuiltins {};
-  KXModuleCore(const std::shared_ptr<KXBroker>& broker, const std::string& name, DeferBuiltins);
+  KXModuleCore(const std::shared_ptr<KXModuleHost>& host, const std::string& name, DeferBuiltins);
 
   // Binds the built-in methods in their published order: exit, version, ping,
   // getMethodList, getMethodHelp, getModuleHelp, then whatever `bindTaskControls` binds
@@ -199,7 +203,7 @@ class KXModuleCore : public std::enable_shared_from_this<KXModuleCore> {
 // getBrokerName, getUsage).
 class KXModule : public KXModuleCore {
  public:
-  KXModule(const std::shared_ptr<KXBroker>& broker, const std::string& name);
+  KXModule(const std::shared_ptr<KXModuleHost>& host, const std::string& name);
   ~KXModule() override;
 
   std::string getContentPage() override;  // "<html><body></body></html>"

@@ -20,6 +20,18 @@ struct KXModuleInfo {
 // A broker describes itself with the same fields.
 using KXBrokerInfo = KXModuleInfo;
 
+// The description of the module `name` hosted by `broker`: the broker's address and
+// process, never a broker itself, never kept alive (that flag belongs to brokers).
+KXModuleInfo describeModuleOf(const KXBrokerInfo& broker, const std::string& name);
+
+// The endpoint through which the broker at ip:port is reached: "http://ip:port".
+std::string endpointOf(const std::string& ip, int port);
+
+// True for names hidden from module, method and task lists: names that begin with "_" or
+// contain "KXFrameManager__", "KXNetwork", "KXMecaLogger", "KXRobotModel", "KXTelepathe"
+// or "KXStore".
+bool isInternalModuleName(const std::string& name);
+
 }  // namespace KX
 
 #endif  // VELMO_MODULE_KXMODULEINFO_H_

@@ -1,13 +1,10 @@
 #include "module/kxproxy.h"
 
-#include <unistd.h>
-
 #include <utility>
 
-#include "broker/kxbroker.h"
-#include "broker/kxbrokermanager.h"
-#include "broker/kxnetworkservice.h"
 #include "module/kxmodulecore.h"
+#include "module/kxmodulehost.h"
+#include "module/kxnetworkservice.h"
 #include "module/kxpcalltask.h"
 #include "value/kxerror.h"
 
@@ -17,7 +14,7 @@ struct KXProxy::Impl {
   // Constant after construction.
   int flags = 0;
   std::shared_ptr<KXModuleInfo> moduleInfo = std::make_shared<KXModuleInfo>();
-  std::weak_ptr<KXBroker> broker;
+  std::weak_ptr<KXModuleHost> broker;
   // Local proxies only: the module and its core (the module is empty when the core is
   // no KXModule).
   std::weak_ptr<KXModule> module;
@@ -43,7 +40,8 @@ KXValue asArgumentArray(const KXValue& params) {
 
 }  // namespace
 
-KXProxy::KXProxy(const std::shared_ptr<KXBroker>& broker, const std::string& moduleName, int flags)
+KXProxy::KXProxy(const std::shared_ptr<KXModuleHost>& broker, const std::string& moduleName,
+                 int flags)
     : impl_(std::make_unique<Impl>()) {
   KX_ASSERT("KXProxy", broker != nullptr);
   impl_->flags = flags;
@@ -52,17 +50,7 @@ KXProxy::KXProxy(const std::shared_ptr<KXBroker>& broker, const std::string& mod
   std::shared_ptr<KXModuleCore> core;
   if ((flags & kSkipLocalBroker) == 0) {
     core = broker->getModuleCore(moduleName);
-    if (core) {
-      const KXBrokerInfo brokerInfo = broker->getBrokerInfo();
-      KXModuleInfo& info = *impl_->moduleInfo;
-      info.name = moduleName;
-      info.architecture = brokerInfo.architecture;
-      info.ip = brokerInfo.ip;
-      info.port = brokerInfo.port;
-      info.processId = static_cast<int>(getpid());
-      info.isABroker = false;
-      info.keepAlive = brokerInfo.keepAlive;
-    }
+    if (core) *impl_->moduleInfo = describeModuleOf(broker->getBrokerInfo(), moduleName);
   }
   if (impl_->moduleInfo->name.empty()) {
     KXModuleInfo found;
@@ -86,23 +74,15 @@ KXProxy::KXProxy(const std::shared_ptr<KXBroker>& broker, const std::string& mod
   impl_->brokerName = broker->getName();
 }
 
-KXProxy::KXProxy(const std::string& moduleName, const std::string& ip, int port, int flags,
-                 int reserved)
-    // The broker at ip:port is asked through this process's fallback broker.
-    : KXProxy(KXBrokerManager::getInstance()->getEmptyBroker(), moduleName, ip, port, flags) {
-  (void)reserved;  // no meaning given to it yet
-}
-
-KXProxy::KXProxy(const std::shared_ptr<KXBroker>& via, const std::string& moduleName,
+KXProxy::KXProxy(const std::shared_ptr<KXModuleHost>& via, const std::string& moduleName,
                  const std::string& ip, int port, int flags)
     : impl_(std::make_unique<Impl>()) {
   impl_->flags = flags;
   impl_->moduleInfo->name = moduleName;
   impl_->moduleInfo->ip = ip;
   impl_->moduleInfo->port = port;
-  const std::shared_ptr<KXBroker>& broker = via;
-  impl_->broker = broker;
-  const std::shared_ptr<KXNetworkService> network = broker->getNetwork();
+  impl_->broker = via;
+  const std::shared_ptr<KXNetworkService> network = via->getNetwork();
   if (!network) KX_THROW("KXProxy", "exploreToGetModuleByName", "No network");
 
   KXModuleInfo remoteBroker;
@@ -137,12 +117,8 @@ KXProxy::~KXProxy() {
   }
 }
 
-std::string KXProxy::endpointOf(const std::string& ip, int port) {
-  return "http://" + ip + ":" + std::to_string(port);
-}
-
 void KXProxy::bindRemote(const KXModuleInfo& info) {
-  const std::shared_ptr<KXBroker> broker = lockBroker();
+  const std::shared_ptr<KXModuleHost> broker = lockBroker();
   const std::shared_ptr<KXNetworkService> network = broker->getNetwork();
   if (!network) KX_THROW("KXProxy", "CALL_METHODS", "No network");
   std::string ip = info.ip;
@@ -160,8 +136,8 @@ void KXProxy::bindRemote(const KXModuleInfo& info) {
       name.getType() == KXValue::TypeString ? static_cast<const std::string&>(name) : std::string();
 }
 
-std::shared_ptr<KXBroker> KXProxy::lockBroker() const {
-  std::shared_ptr<KXBroker> broker = impl_->broker.lock();
+std::shared_ptr<KXModuleHost> KXProxy::lockBroker() const {
+  std::shared_ptr<KXModuleHost> broker = impl_->broker.lock();
   if (!broker) KX_THROW("KXBroker", "no broker available", "");
   return broker;
 }
@@ -273,7 +249,7 @@ int KXProxy::genericPCall(const std::string& method, const KXValue& params) {
   if (!isLocal()) return remotePCall(method, arguments);
   const std::shared_ptr<KXModuleCore> core = lockModuleCore();
   if (!core->getMethodInfo(method)) KX_THROW("KXProxy", "genericPCall", "method not found");
-  const std::shared_ptr<KXBroker> broker = lockBroker();
+  const std::shared_ptr<KXModuleHost> broker = lockBroker();
   std::shared_ptr<detail::KXTaskInfo> info =
       broker->createTaskInfo(impl_->moduleInfo->name, method);
   auto task =

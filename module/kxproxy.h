@@ -14,16 +14,17 @@
 
 namespace KX {
 
-class KXBroker;
 class KXModule;
+class KXModuleHost;
 class KXModuleCore;
 class KXMethodInfo;
 class KXNetworkService;
 
 // The caller's handle on one module, wherever it lives. Built from a broker and a module
 // name (the module is searched in that broker, then in the broker tree) or from a module
-// name and a remote broker's address. Local modules are called directly; remote ones
-// through the network service.
+// name and a remote broker's address, asked through a broker of this process (the
+// broker manager's fallback broker when there is no other). Local modules are called
+// directly; remote ones through the network service.
 //
 // Ownership: the proxy holds its broker and its module weakly; every call first takes
 // strong references for its duration, and fails with a KXError once they are gone (it
@@ -34,14 +35,12 @@ class KXProxy : public std::enable_shared_from_this<KXProxy> {
   static constexpr int kSkipLocalBroker = 0x04;
 
   // Throws KXError("KXProxy", "constructor", "Module '<name>' not found.").
-  KXProxy(const std::shared_ptr<KXBroker>& broker, const std::string& moduleName, int flags = 0);
-  // Through the broker at `ip`:`port`, reached from the process's fallback broker
-  // "emptyBroker".
-  KXProxy(const std::string& moduleName, const std::string& ip, int port, int flags = 0,
-          int reserved = 0);
-  // The same through `via`, a broker of this process with a network module (one that
-  // serves nothing will do: a client's, see KXBroker::kCreateNetwork).
-  KXProxy(const std::shared_ptr<KXBroker>& via, const std::string& moduleName,
+  KXProxy(const std::shared_ptr<KXModuleHost>& broker, const std::string& moduleName,
+          int flags = 0);
+  // Through the broker at `ip`:`port`, asked through `via`, a broker of this process with
+  // a network module (one that serves nothing will do: a client's, see
+  // KXBroker::kCreateNetwork; or KXBrokerManager::getEmptyBroker()).
+  KXProxy(const std::shared_ptr<KXModuleHost>& via, const std::string& moduleName,
           const std::string& ip, int port, int flags = 0);
   virtual ~KXProxy();
   KXProxy(const KXProxy&) = delete;
@@ -90,7 +89,7 @@ class KXProxy : public std::enable_shared_from_this<KXProxy> {
   template <typename... A>
   int pCallTyped(const std::string& method, const A&... args);
 
-  std::shared_ptr<KXBroker> lockBroker() const;
+  std::shared_ptr<KXModuleHost> lockBroker() const;
   std::shared_ptr<KXModule> lockModule() const;
   std::shared_ptr<KXModuleCore> lockModuleCore() const;
   // "module is deleted, cannot call function of <name>": also what a typed call that
@@ -111,7 +110,6 @@ class KXProxy : public std::enable_shared_from_this<KXProxy> {
   // connection of this proxy's own; asks the module for its broker's name.
   void bindRemote(const KXModuleInfo& info);
   std::shared_ptr<KXNetworkService> lockNetwork() const;
-  static std::string endpointOf(const std::string& ip, int port);
   // Questions to a broker (not to a module) give up after this long.
   static constexpr int kBrokerQuestionTimeoutSeconds = 10;
 

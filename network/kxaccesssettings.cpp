@@ -2,15 +2,21 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <mutex>
 #include <optional>
 
-#include "network/kxaccesspolicy.h"
+#include "log/processwide.h"
+#include "network/detail/kxaccesspolicy.h"
 #include "value/kxerror.h"
+#include "value/textcoding.h"
 
 namespace KX {
 namespace {
+
+constexpr std::size_t kMaxTokenLength = 256;
 
 struct Settings {
   std::mutex mutex;
@@ -18,10 +24,11 @@ struct Settings {
   KXAccessSettings settings;  // guarded by mutex
 };
 
-// Lives until the process ends: brokers may be created at any time, from any thread.
+// Lives until the process ends: brokers may be created at any time, from any thread, and
+// a broker's threads may still ask while the process exits.
 Settings& processSettings() {
-  static Settings settings;
-  return settings;
+  static tu::ProcessWide<Settings> settings;
+  return settings.get();
 }
 
 // `source`: where the value came from, named in the error ("" for a caller's argument).
@@ -75,6 +82,19 @@ auto withSettings(Change&& change) {
 }
 
 }  // namespace
+
+std::string tokenProblem(const std::string& token) {
+  if (token.empty()) return "the token is empty";
+  if (token.size() > kMaxTokenLength) {
+    return "the token is longer than " + std::to_string(kMaxTokenLength) + " characters";
+  }
+  const bool allowed = std::all_of(token.begin(), token.end(), [](unsigned char c) {
+    return std::isalnum(c) ||
+           std::string("-._~+/=").find(static_cast<char>(c)) != std::string::npos;
+  });
+  if (!allowed) return "the token may hold only letters, digits and \"-._~+/=\"";
+  return std::string();
+}
 
 KXAccessSettings accessSettings() {
   return withSettings([](const KXAccessSettings& settings) { return settings; });

@@ -13,10 +13,17 @@
 
 namespace KX {
 
+// A browser that opens this path, followed by the token, is given the token as a cookie.
+constexpr char kTokenQuery[] = "/?token=";
+
 struct KXAccessSettings {
   std::string token;  // empty: none
   std::set<std::string> allowedHosts;
 };
+
+// Why `token` cannot be used as a token (empty: it can). A token travels in a header and a
+// cookie: 1 to 256 characters among letters, digits and "-._~+/=".
+std::string tokenProblem(const std::string& token);
 
 // A copy of the current settings. Raises KXError ("KXNetwork", "VELMO_TOKEN", why) when
 // the environment's token cannot be used, and likewise for VELMO_ALLOWED_HOSTS.

@@ -41,7 +41,8 @@ KXMemoryProxy::KXMemoryProxy(const std::shared_ptr<KXProxy>& proxy)
     : impl_(implThrough(proxy)), post(impl_) {}
 
 KXMemoryProxy::KXMemoryProxy(const std::string& ip, int port)
-    : KXMemoryProxy(std::make_shared<KXProxy>(kModuleName, ip, port)) {}
+    : KXMemoryProxy(std::make_shared<KXProxy>(KXBrokerManager::getInstance()->getEmptyBroker(),
+                                              kModuleName, ip, port)) {}
 
 KXMemoryProxy::KXMemoryProxy(const std::string& ip) : KXMemoryProxy(ip, kDefaultPort) {}
 

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "broker/kxbroker.h"
 #include "module/kxproxy.h"
 #include "proxies/detail/kxresourcemanagersignatures.h"
 #include "proxies/detail/kxtypedmodulecall.h"

@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "broker/kxbroker.h"
 #include "module/kxmethodinfo.h"
 #include "python/kxpythontools.h"
 #include "value/kxerror.h"

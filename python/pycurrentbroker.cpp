@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "broker/kxbroker.h"
+#include "log/processwide.h"
 
 namespace KX {
 namespace python {
@@ -16,9 +17,9 @@ struct BrokerRecords {
 };
 
 BrokerRecords& records() {
-  // Never destroyed: framework threads may still read it while the process exits.
-  static BrokerRecords& instance = *std::make_unique<BrokerRecords>().release();
-  return instance;
+  // Framework threads may still read it while the process exits.
+  static tu::ProcessWide<BrokerRecords> instance;
+  return instance.get();
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <thread>
 
+#include "log/processwide.h"
 #include "value/kxerror.h"
 
 namespace KX {
@@ -27,9 +28,9 @@ struct Gate {
 };
 
 Gate& gate() {
-  // Never destroyed: pool threads may pass the gate while the process exits.
-  static Gate& instance = *std::make_unique<Gate>().release();
-  return instance;
+  // Pool threads may pass the gate while the process exits.
+  static tu::ProcessWide<Gate> instance;
+  return instance.get();
 }
 
 thread_local int entryDepth = 0;

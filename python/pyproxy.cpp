@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "broker/kxbroker.h"
+#include "broker/kxbrokermanager.h"
 #include "module/kxproxy.h"
 #include "python/pycurrentbroker.h"
 #include "python/pygil.h"
@@ -66,7 +67,8 @@ proxy::proxy(char* name, char* ip, int port) {
     KX_THROW("proxy", "proxy", "NULL values were passed as arguments");
   }
   python::ScopedGILRelease release;
-  proxy_ = std::make_shared<KXProxy>(name, ip, port);
+  proxy_ =
+      std::make_shared<KXProxy>(KXBrokerManager::getInstance()->getEmptyBroker(), name, ip, port);
 }
 
 proxy::~proxy() {

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "value/kxerror.h"
+#include "value/textcoding.h"
 
 namespace KX {
 namespace detail {
@@ -64,13 +65,6 @@ void appendFloat(std::string& out, float number) {
   const auto result = std::to_chars(buffer, buffer + sizeof buffer, static_cast<double>(number),
                                     std::chars_format::general, 6);
   out.append(buffer, result.ptr);
-}
-
-int hexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
 }
 
 // atoi over a bounded text, saturating at the int range instead of overflowing.
@@ -254,7 +248,7 @@ int KXValueText::deduceType(const char* text, size_t length) {
     } else if (c == '.') {
       if (dot || hexadecimal) raiseInString("deduceType", "unexpected character: '.'", text, size);
       dot = true;
-    } else if (c != '-' && hexDigit(c) < 0) {
+    } else if (c != '-' && hexDigitValue(c) < 0) {
       unknown = true;  // reported once the scan is over
     }
   }
@@ -349,7 +343,7 @@ uint32_t KXValueText::hexDigitsAfterX(const char* text, size_t length, bool& fou
   uint32_t number = 0;
   for (size_t i = static_cast<size_t>(x - text) + 1; i < size; ++i) {
     if (isBlank(text[i])) continue;
-    const int digit = hexDigit(text[i]);
+    const int digit = hexDigitValue(text[i]);
     if (digit < 0) break;
     number = number * 16u + static_cast<uint32_t>(digit);
   }

@@ -1,0 +1,73 @@
+#ifndef VELMO_NETWORK_DETAIL_KXCONNECTION_H_
+#define VELMO_NETWORK_DETAIL_KXCONNECTION_H_
+
+#include <mutex>
+#include <string>
+
+#include "module/kxmoduleinfo.h"
+#include "network/detail/kxbrokermessage.h"
+#include "network/detail/kxsoapcontext.h"
+
+namespace KX {
+
+// One client connection to a remote broker: its endpoint, the remote module that calls on
+// it address, and a kept-alive SOAP context used by one call at a time (the lock is held
+// for the whole of a call). The TCP connection is opened on first use and opened again
+// after a failure or after the server closed it.
+class KXConnection {
+ public:
+  // timeoutSeconds > 0: connecting, sending and receiving each give up after that long.
+  // 0: connecting gives up after kConnectSeconds, and a call waits for its answer as long
+  // as the remote method runs (a proxy's calls may legitimately block, "wait" without a
+  // limit for one); TCP keep-alive probes find a peer machine that went away.
+  // token: sent with every request as "Authorization: Bearer TOKEN" (none when empty).
+  KXConnection(std::string endpoint, KXModuleInfo module, int timeoutSeconds,
+               std::string token = std::string());
+  KXConnection(const KXConnection&) = delete;
+  KXConnection& operator=(const KXConnection&) = delete;
+
+  static constexpr int kConnectSeconds = 10;
+  // A peer machine that stops answering is found out after 10 + 3 x 5 seconds of silence.
+  static constexpr unsigned kKeepAliveIdleSeconds = 10;
+  static constexpr unsigned kKeepAliveIntervalSeconds = 5;
+  static constexpr unsigned kKeepAliveProbes = 3;
+
+  const std::string& endpoint() const { return endpoint_; }
+  const KXModuleInfo& module() const { return module_; }
+
+  // Sends `request` and reads its answer by position (an empty answer for the one-way
+  // operations, which read nothing). The Binary leaves of a callVelmo parameter travel as
+  // DIME attachments, and those of its result take the attachments received. A transport
+  // failure or an answer that cannot be read comes back as a fault worded by the runtime
+  // (fault string and detail), like a fault the server sent; the socket is then closed.
+  BrokerResponse exchange(const BrokerRequest& request);
+  // callVelmo or callVelmo2 of `method` on the connection's module, `param` sent from
+  // where it is (no copy of the request is made).
+  BrokerResponse call(BrokerOperation op, const std::string& method, const KXValue& param);
+
+  // Shuts the socket down so that a call blocked on it returns (with a fault) at once.
+  // Safe from any thread.
+  void interrupt();
+
+ private:
+  void authorize();
+  int send(const BrokerRequest& request);
+  int sendCall(BrokerOperation op, const std::string& module, const std::string& method,
+               const KXValue& param);
+  BrokerResponse receive(BrokerOperation op);
+  BrokerResponse transportFault();
+
+  const std::string endpoint_;
+  const KXModuleInfo module_;
+  const std::string token_;  // soap_'s bearer points into it
+  std::mutex lock_;          // held for a whole call
+  KXSoapContext soap_;
+  std::string envelope_;  // guarded by lock_: the last request written, its memory reused
+  // The socket of the call in progress, for interrupt(); -1 when there is none.
+  std::mutex socketLock_;
+  int activeSocket_ = -1;
+};
+
+}  // namespace KX
+
+#endif  // VELMO_NETWORK_DETAIL_KXCONNECTION_H_

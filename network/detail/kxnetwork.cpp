@@ -1,0 +1,639 @@
+#include "network/detail/kxnetwork.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "broker/kxbroker.h"
+#include "broker/kxbrokermanager.h"
+#include "broker/kxbrokerpages.h"
+#include "broker/kxnetworkfactory.h"
+#include "log/log.h"
+#include "network/detail/kxbrokerdispatch.h"
+#include "network/detail/kxconnection.h"
+#include "network/detail/kxfileservice.h"
+#include "network/detail/kxnetworkserver.h"
+#include "network/kxaccesssettings.h"
+#include "thread/kxconditionmanager.h"
+#include "thread/kxtask.h"
+#include "thread/kxthreadpool.h"
+#include "value/kxerror.h"
+
+namespace KX {
+
+namespace {
+
+constexpr char kCategory[] = "core.common.network";
+constexpr char kClass[] = "KXNetwork";
+
+constexpr std::chrono::milliseconds kBeatPeriod{1000};
+constexpr std::chrono::milliseconds kFirstCheckDelay{4000};
+constexpr std::chrono::milliseconds kCheckPeriod{1000};
+constexpr std::chrono::milliseconds kBindPause{100};
+constexpr std::chrono::milliseconds kHeartBeatEndPause{100};
+constexpr std::chrono::milliseconds kReconnectPause{400};
+
+// A pool task that runs one long-lived member of the module (accept loop, heartbeat,
+// parallel-call sender). The module is held weakly: a task never keeps it alive.
+class KXNetworkTask : public KXTask {
+ public:
+  KXNetworkTask(const char* name, std::weak_ptr<KXModuleCore> module, void (KXNetwork::*work)())
+      : module_(std::move(module)), work_(work) {
+    setName(name);
+  }
+
+  void run() override {
+    auto network = std::dynamic_pointer_cast<KXNetwork>(module_.lock());
+    if (network) {
+      ((*network).*work_)();
+    }
+  }
+
+ private:
+  const std::weak_ptr<KXModuleCore> module_;
+  void (KXNetwork::*const work_)();
+};
+
+struct RemoteCall {
+  int connection;
+  std::string method;
+  KXValue param;
+};
+
+}  // namespace
+
+struct KXNetwork::Impl {
+  // Taken when the module is made: the token its server asks for and its messages carry.
+  const KXAccessSettings access = accessSettings();
+
+  // Serialises newServer.
+  std::mutex serverMutex;
+  std::shared_ptr<KXNetworkServer> server;  // guarded by serverMutex
+
+  mutable std::mutex connectionMutex;
+  std::map<int, std::shared_ptr<KXConnection>> connections;  // guarded by connectionMutex
+  int lastConnection = 0;                                    // guarded by connectionMutex
+
+  // The state below is guarded by stateMutex; `wake` is notified on every change that a
+  // waiting task may care about (exit, queued call, heartbeat start and end).
+  mutable std::mutex stateMutex;
+  std::condition_variable wake;
+  bool stopping = false;
+  std::deque<RemoteCall> remoteCalls;
+  bool remoteSenderRunning = false;
+  bool heartBeatCheckerRunning = false;
+  bool heartBeatRunning = false;
+  bool heartBeatConnected = false;
+  int maxRoundTripSeconds = 0;
+  int parentConnection = 0;
+
+  KXConditionManager conditions;
+
+  // Sleeps for `period` unless the module stops first; false when it stops.
+  bool pause(std::chrono::milliseconds period) {
+    std::unique_lock<std::mutex> lock(stateMutex);
+    return !wake.wait_for(lock, period, [this] { return stopping; });
+  }
+};
+
+KXNetwork::KXNetwork(const std::shared_ptr<KXBroker>& broker, const std::string& name)
+    : KXModule(broker, name), impl_(std::make_unique<Impl>()) {
+  setModuleDescription(
+      "Network manage network with SOAP and TCP/IP. It's a local and internal library. Most "
+      "of parameters are hidden because they are not available in KXCommon. Call exit method "
+      "on module if you have your own network library");
+  for (const char* condition : {"remote", "firstBeat", "heartBeat"}) {
+    impl_->conditions.add(condition);
+  }
+  bindNetworkMethods();
+}
+
+KXNetwork::~KXNetwork() {
+  // Normally done by exit(); a module dropped without it must not leave tasks blocked.
+  stopServer();
+}
+
+void KXNetwork::stopServer() {
+  std::shared_ptr<KXNetworkServer> server;
+  {
+    std::lock_guard<std::mutex> guard(impl_->serverMutex);
+    server = impl_->server;
+  }
+  if (server) {
+    server->stop();
+  }
+}
+
+bool KXNetwork::keepRunning() const {
+  if (isExiting()) {
+    return false;
+  }
+  {
+    std::lock_guard<std::mutex> guard(impl_->stateMutex);
+    if (impl_->stopping) {
+      return false;
+    }
+  }
+  try {
+    return !getParentBroker()->isShuttingDown();
+  } catch (const KXError&) {
+    return false;
+  }
+}
+
+bool KXNetwork::startTask(const char* name, void (KXNetwork::*work)()) {
+  std::shared_ptr<KXThreadPool> pool;
+  try {
+    pool = getParentBroker()->getThreadPool();
+  } catch (const KXError&) {
+    return false;
+  }
+  return pool && pool->enqueue(std::make_shared<KXNetworkTask>(name, weak_from_this(), work));
+}
+
+void KXNetwork::exit() {
+  {
+    std::lock_guard<std::mutex> guard(impl_->stateMutex);
+    impl_->stopping = true;
+  }
+  impl_->wake.notify_all();
+  stopServer();
+  std::vector<std::shared_ptr<KXConnection>> connections;
+  {
+    std::lock_guard<std::mutex> guard(impl_->connectionMutex);
+    for (const auto& entry : impl_->connections) {
+      connections.push_back(entry.second);
+    }
+  }
+  // Calls blocked waiting for an answer return now.
+  for (const auto& connection : connections) {
+    connection->interrupt();
+  }
+  for (const char* condition : {"remote", "firstBeat", "heartBeat"}) {
+    impl_->conditions.trigger(condition);
+  }
+  KXModule::exit();
+}
+
+// ---------------------------------------------------------------- the server
+
+int KXNetwork::findFreePort(const std::string& /*ip*/, const int& port) {
+  int candidate = port;
+  for (; candidate <= 65535; ++candidate) {
+    const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (probe < 0) {
+      break;
+    }
+    // No SO_REUSEADDR: a port that any socket holds counts as taken. No lingering, so the
+    // probe leaves nothing behind.
+    const linger noLinger{1, 0};
+    setsockopt(probe, SOL_SOCKET, SO_LINGER, &noLinger, sizeof(noLinger));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_port = htons(static_cast<uint16_t>(candidate));
+    const bool bound = ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    const int bindError = errno;
+    if (::close(probe) != 0) {
+      TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::findFreePort")
+          << "findFreePort Socket Close Last Error: " << errno << std::endl;
+    }
+    if (bound) {
+      return candidate;
+    }
+    if (candidate == 65535) {
+      TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::findFreePort")
+          << "findFreePort Socket Bind Error: " << bindError << std::endl;
+    }
+  }
+  return candidate > 65535 ? 65535 : candidate;
+}
+
+void KXNetwork::newServer(const std::string& ip, const int& port) {
+  std::lock_guard<std::mutex> guard(impl_->serverMutex);
+  startTask("remotePCallManager", &KXNetwork::remotePCallManager);
+
+  std::set<std::string> hostNames = ownHostNames();
+  hostNames.insert(impl_->access.allowedHosts.begin(), impl_->access.allowedHosts.end());
+  auto files = std::make_shared<const KXFileService>(
+      KXFileService::defaultRoots(),
+      [](const std::string& endpoint, const std::string& path) {
+        std::shared_ptr<KXBroker> broker = brokerForEndpoint(endpoint);
+        return broker ? broker->getPage(path) : std::string("Broker not found");
+      },
+      std::make_shared<const KXAccessPolicy>(hostNames, impl_->access.token, port));
+  auto server = std::make_shared<KXNetworkServer>(carryOutBrokerRequest, std::move(files));
+
+  if (findFreePort(ip, port) != port) {
+    KX_THROW("KXBroker", "runBroker",
+             "Port " + std::to_string(port) + " is not free. Another broker is using this port.");
+  }
+  std::this_thread::sleep_for(kBindPause);
+  if (!server->bind(ip, port)) {
+    KX_THROW("KXBroker", "runBroker",
+             "Port " + std::to_string(port) + " is not free. Could not bind to this port.");
+  }
+  if (impl_->server) {
+    impl_->server->stop();
+  }
+  impl_->server = server;
+}
+
+void KXNetwork::startListening() {
+  if (!startTask("BrokerTask", &KXNetwork::listenRequest)) {
+    TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::listenRequest")
+        << "No more connection or thread available" << std::endl;
+  }
+}
+
+void KXNetwork::listenRequest() {
+  std::shared_ptr<KXNetworkServer> server;
+  {
+    std::lock_guard<std::mutex> guard(impl_->serverMutex);
+    server = impl_->server;
+  }
+  std::shared_ptr<KXThreadPool> pool;
+  try {
+    pool = getParentBroker()->getThreadPool();
+  } catch (const KXError&) {
+    return;
+  }
+  if (!server || !pool) {
+    return;
+  }
+  server->acceptLoop([this] { return keepRunning(); },
+                     [&pool](const std::shared_ptr<KXTask>& task) {
+                       if (!pool->enqueue(task)) {
+                         return false;
+                       }
+                       // A connection holds its worker for as long as its peer keeps it
+                       // open: rather than wait minutes for one to come free, the pool
+                       // grows to the connections waiting (up to its maximum).
+                       const int queued = pool->getQueueLength();
+                       const int room = pool->getMaxThreadCount() - pool->getThreadCount();
+                       if (queued > 0 && room > 0) {
+                         pool->resize(std::min(queued, room));
+                       }
+                       return true;
+                     });
+}
+
+// ---------------------------------------------------------------- the parent
+
+void KXNetwork::configureClient(const std::string& endpoint, const std::string& ip) {
+  std::shared_ptr<KXBroker> broker = getParentBroker();
+  if (!ip.empty()) {
+    return;
+  }
+  // A broker created without an address learns it from the parent: the address the
+  // parent sees it under is the one the parent's tree can reach it at.
+  KXModuleInfo parent;
+  parent.name = "KXNetwork";
+  const int connection = createConnection(parent, endpoint, kBrokerTimeoutSeconds);
+  try {
+    broker->setIP(sendBackIP(connection));
+  } catch (const KXError&) {
+    destroyConnection(connection);
+    throw;
+  }
+  destroyConnection(connection);
+}
+
+void KXNetwork::registerClient(const std::string& ip, const int& port, const bool& useHeartBeat) {
+  std::shared_ptr<KXBroker> broker = getParentBroker();
+  const std::string endpoint = endpointOf(ip, port);
+  KXModuleInfo parent;
+  parent.name = "KXNetwork";
+  parent.ip = ip;
+  parent.port = port;
+  parent.isABroker = true;
+  const int connection = createConnection(parent, endpoint, kBrokerTimeoutSeconds);
+  int previous = 0;
+  {
+    std::lock_guard<std::mutex> guard(impl_->stateMutex);
+    previous = impl_->parentConnection;
+    impl_->parentConnection = connection;
+  }
+  if (previous != 0) {
+    destroyConnection(previous);
+  }
+  broker->setIP(sendBackIP(connection));
+  try {
+    registerBrokerTo(connection, broker->getBrokerInfo());
+  } catch (const KXError& error) {
+    TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::registerClient")
+        << "cannot register broker to " << endpoint << ": " << error.description() << std::endl;
+    throw;
+  }
+  if (useHeartBeat) {
+    startTask("runHeartBeat", &KXNetwork::runHeartBeat);
+  }
+}
+
+void KXNetwork::leaveParent() {
+  int connection = 0;
+  {
+    std::lock_guard<std::mutex> guard(impl_->stateMutex);
+    connection = impl_->parentConnection;
+    impl_->parentConnection = 0;
+  }
+  impl_->wake.notify_all();
+  if (connection == 0) {
+    return;
+  }
+  try {
+    unregisterBroker(connection, getParentBroker()->getBrokerInfo());
+  } catch (const KXError& error) {
+    TU_LOG(tu::log::verbose, kCategory, "KX::KXNetwork::leaveParent")
+        << "the parent did not take the unregistration: " << error.what() << std::endl;
+  }
+  destroyConnection(connection);
+}
+
+void KXNetwork::runHeartBeat() {
+  int connection = 0;
+  {
+    std::lock_guard<std::mutex> guard(impl_->stateMutex);
+    if (impl_->heartBeatRunning || impl_->parentConnection == 0) {
+      return;
+    }
+    impl_->heartBeatRunning = true;
+    connection = impl_->parentConnection;
+  }
+  const std::string name = getBrokerName();
+  KXValue arguments;
+  arguments.arraySetSize(1);
+  arguments[0] = name;
+  while (keepRunning()) {
+    {
+      std::lock_guard<std::mutex> guard(impl_->stateMutex);
+      if (impl_->parentConnection != connection) {
+        break;  // left the parent
+      }
+    }
+    const auto sent = std::chrono::steady_clock::now();
+    try {
+      callMethod(connection, "heartBeat", arguments);
+    } catch (const KXError& error) {
+      TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::runHeartBeat")
+          << "heartbeat to the parent failed: " << error.description() << std::endl;
+      impl_->pause(kBeatPeriod);
+      break;
+    }
+    const int roundTrip = static_cast<int>(
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - sent)
+            .count());
+    {
+      std::lock_guard<std::mutex> guard(impl_->stateMutex);
+      impl_->heartBeatConnected = true;
+      impl_->maxRoundTripSeconds = std::max(impl_->maxRoundTripSeconds, roundTrip);
+    }
+    impl_->wake.notify_all();
+    impl_->conditions.trigger("firstBeat");
+    if (!impl_->pause(kBeatPeriod)) {
+      break;
+    }
+  }
+  {
+    std::lock_guard<std::mutex> guard(impl_->stateMutex);
+    impl_->heartBeatConnected = false;
+  }
+  impl_->pause(kHeartBeatEndPause);
+  {
+    std::lock_guard<std::mutex> guard(impl_->stateMutex);
+    impl_->heartBeatRunning = false;
+  }
+  impl_->wake.notify_all();
+  impl_->conditions.trigger("heartBeat");
+  impl_->conditions.trigger("firstBeat");
+}
+
+bool KXNetwork::isHeartBeatConnected() const {
+  std::lock_guard<std::mutex> guard(impl_->stateMutex);
+  return impl_->heartBeatConnected;
+}
+
+int KXNetwork::getMaxHeartBeatRoundTrip() const {
+  std::lock_guard<std::mutex> guard(impl_->stateMutex);
+  return impl_->maxRoundTripSeconds;
+}
+
+// ---------------------------------------------------------------- the children
+
+void KXNetwork::heartBeat(const std::string& brokerName) {
+  getParentBroker()->childHeartBeat(brokerName);
+}
+
+void KXNetwork::startHeartBeatCheck() {
+  {
+    std::lock_guard<std::mutex> guard(impl_->stateMutex);
+    if (impl_->heartBeatCheckerRunning) {
+      return;
+    }
+    impl_->heartBeatCheckerRunning = true;
+  }
+  if (!startTask("runHeartBeatCheck", &KXNetwork::runHeartBeatCheck)) {
+    std::lock_guard<std::mutex> guard(impl_->stateMutex);
+    impl_->heartBeatCheckerRunning = false;
+  }
+}
+
+void KXNetwork::runHeartBeatCheck() {
+  // Started by startHeartBeatCheck (which claims the one checker's place) or called
+  // directly; either way one checker runs at a time.
+  {
+    std::lock_guard<std::mutex> guard(impl_->stateMutex);
+    impl_->heartBeatCheckerRunning = true;
+  }
+  std::shared_ptr<KXBroker> broker = getParentBroker();
+  bool running = impl_->pause(kFirstCheckDelay);
+  while (running && keepRunning() && !broker->getChildBrokers().empty()) {
+    broker->checkHeartBeat();
+    running = impl_->pause(kCheckPeriod);
+  }
+  std::lock_guard<std::mutex> guard(impl_->stateMutex);
+  impl_->heartBeatCheckerRunning = false;
+}
+
+// ---------------------------------------------------------------- remote parallel calls
+
+int KXNetwork::pCallMethodNoID(const int& connection, const std::string& method,
+                               const KXValue& param) {
+  findConnection(connection, "pCallMethodNoID");
+  {
+    std::lock_guard<std::mutex> guard(impl_->stateMutex);
+    if (impl_->remoteCalls.size() >= kMaxQueuedRemoteCalls) {
+      std::cout << "max remote connection reach " << method << " call ignored" << std::endl;
+      return 0;
+    }
+    impl_->remoteCalls.push_back(RemoteCall{connection, method, param});
+  }
+  impl_->wake.notify_all();
+  impl_->conditions.trigger("remote");
+  return 0;
+}
+
+std::size_t KXNetwork::getQueuedRemoteCallCount() const {
+  std::lock_guard<std::mutex> guard(impl_->stateMutex);
+  return impl_->remoteCalls.size();
+}
+
+void KXNetwork::remotePCallManager() {
+  {
+    std::lock_guard<std::mutex> guard(impl_->stateMutex);
+    if (impl_->remoteSenderRunning) {
+      return;
+    }
+    impl_->remoteSenderRunning = true;
+  }
+  while (keepRunning()) {
+    RemoteCall call;
+    {
+      std::unique_lock<std::mutex> lock(impl_->stateMutex);
+      impl_->wake.wait(lock, [this] { return impl_->stopping || !impl_->remoteCalls.empty(); });
+      if (impl_->stopping) {
+        break;
+      }
+      call = std::move(impl_->remoteCalls.front());
+      impl_->remoteCalls.pop_front();
+    }
+    try {
+      pCallMethod(call.connection, call.method, call.param);
+    } catch (const KXError& error) {
+      TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::remotePCallManager")
+          << "Error in remote pcall: " << error.what() << " method: " << call.method << std::endl;
+    }
+  }
+  std::lock_guard<std::mutex> guard(impl_->stateMutex);
+  impl_->remoteSenderRunning = false;
+}
+
+// ---------------------------------------------------------------- connections
+
+int KXNetwork::createConnection(const KXModuleInfo& module, const std::string& endpoint,
+                                int timeoutSeconds) {
+  auto connection =
+      std::make_shared<KXConnection>(endpoint, module, timeoutSeconds, impl_->access.token);
+  std::lock_guard<std::mutex> guard(impl_->connectionMutex);
+  // Ids stay positive; after a wrap the next free one is taken.
+  do {
+    impl_->lastConnection =
+        impl_->lastConnection == std::numeric_limits<int>::max() ? 1 : impl_->lastConnection + 1;
+  } while (impl_->connections.count(impl_->lastConnection) != 0);
+  impl_->connections[impl_->lastConnection] = connection;
+  return impl_->lastConnection;
+}
+
+void KXNetwork::destroyConnection(const int& connection) {
+  std::shared_ptr<KXConnection> removed;
+  std::lock_guard<std::mutex> guard(impl_->connectionMutex);
+  auto found = impl_->connections.find(connection);
+  if (found != impl_->connections.end()) {
+    removed = std::move(found->second);
+    impl_->connections.erase(found);
+  }
+}
+
+void KXNetwork::setEndPoint(const int& connection, const std::string& ip, const int& port) {
+  std::shared_ptr<KXConnection> old = findConnection(connection, "setEndPoint");
+  auto replacement = std::make_shared<KXConnection>(endpointOf(ip, port), old->module(),
+                                                    kBrokerTimeoutSeconds, impl_->access.token);
+  std::lock_guard<std::mutex> guard(impl_->connectionMutex);
+  impl_->connections[connection] = replacement;
+}
+
+std::shared_ptr<KXConnection> KXNetwork::findConnection(int connection, const char* method) const {
+  std::lock_guard<std::mutex> guard(impl_->connectionMutex);
+  auto found = impl_->connections.find(connection);
+  if (found == impl_->connections.end()) {
+    KX_THROW("KXNetwork", method, "connection not initialized");
+  }
+  return found->second;
+}
+
+// ---------------------------------------------------------------- the rest
+
+std::string KXNetwork::getLocalIP() {
+  char host[256] = {0};
+  if (gethostname(host, sizeof(host) - 1) != 0) {
+    return std::string();
+  }
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(host, nullptr, &hints, &found) != 0 || found == nullptr) {
+    return std::string();
+  }
+  std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owned(found, freeaddrinfo);
+  char text[INET_ADDRSTRLEN] = {0};
+  const auto* address = reinterpret_cast<const sockaddr_in*>(found->ai_addr);
+  if (inet_ntop(AF_INET, &address->sin_addr, text, sizeof(text)) == nullptr) {
+    return std::string();
+  }
+  return text;
+}
+
+void KXNetwork::waitSynchronizer(const std::string& name) { impl_->conditions.wait(name); }
+
+void KXNetwork::disconnectBroker() {
+  std::shared_ptr<KXBroker> broker = getParentBroker();
+  TU_LOG(tu::log::info, kCategory, "KX::KXNetwork::disconnectBroker")
+      << "Broker stopping" << std::endl;
+  leaveParent();
+  stopServer();
+  std::unique_lock<std::mutex> lock(impl_->stateMutex);
+  impl_->wake.wait(lock, [this] { return !impl_->heartBeatRunning || impl_->stopping; });
+  lock.unlock();
+  KXBrokerManager::getInstance()->removeBrokerWithoutShutdown(broker);
+}
+
+void KXNetwork::reconnectBroker(const std::string& parentIP, const int& parentPort,
+                                const bool& heartbeat) {
+  TU_LOG(tu::log::info, kCategory, "KX::KXNetwork::reconnectBroker")
+      << "reconnectBroker: IP: " << parentIP << " port: " << parentPort << std::endl;
+  try {
+    std::shared_ptr<KXBroker> broker = getParentBroker();
+    configureClient(endpointOf(parentIP, parentPort), broker->getIP());
+    newServer(broker->getIP(), broker->getPort());
+    startListening();
+    KXBrokerManager::getInstance()->addBroker(broker);
+    std::this_thread::sleep_for(kReconnectPause);
+    TU_LOG(tu::log::info, kCategory, "KX::KXNetwork::reconnectBroker")
+        << "reconnectBroker: registerClient" << std::endl;
+    registerClient(parentIP, parentPort, heartbeat);
+    if (heartbeat) {
+      std::unique_lock<std::mutex> lock(impl_->stateMutex);
+      impl_->wake.wait(lock, [this] {
+        return impl_->heartBeatConnected || !impl_->heartBeatRunning || impl_->stopping;
+      });
+    }
+  } catch (const KXError&) {
+    KX_THROW("KXNetwork", "reconnectBroker", "Cannot reconnect to server");
+  }
+}
+
+namespace {
+
+// Installed when the library loads: every broker that launches its network gets one.
+const bool kNetworkInstalled = [] {
+  setNetworkFactory([](const std::shared_ptr<KXBroker>& broker) -> std::shared_ptr<KXModuleCore> {
+    return std::make_shared<KXNetwork>(broker, "KXNetwork");
+  });
+  return true;
+}();
+
+}  // namespace
+
+}  // namespace KX

@@ -1,0 +1,46 @@
+#ifndef VELMO_NETWORK_DETAIL_KXSOAPIO_H_
+#define VELMO_NETWORK_DETAIL_KXSOAPIO_H_
+
+#include <stdsoap2.h>
+
+#include <string>
+
+#include "value/kxvalue.h"
+
+namespace KX {
+
+// Reads the SOAP envelope of the message whose HTTP header soap_begin_recv has read: the
+// whole body, or the primary record of a DIME message (finishSoapReceive reads the
+// attachments). Reads at most one byte more than kBrokerMessageMaxBytes, so that an
+// oversized message is refused without being buffered. False when a framed body ends early.
+bool readSoapEnvelope(struct soap* soap, std::string& envelope);
+
+// Queues the Binary leaves of `value` (none when null) as DIME attachments of the next
+// message, in walk order, typed "application/octet-stream" with the id "image". The bytes
+// are referenced, not copied: `value` must live until the message is sent.
+int attachBinaries(struct soap* soap, const KXValue* value);
+
+// Gives the k-th Binary leaf of `value` the k-th attachment received (moving the bytes,
+// not copying them); leaves beyond the attachments keep the bytes of their XML form.
+void takeAttachments(struct soap* soap, KXValue& value);
+
+// Sends a whole request envelope written by us (no attachments) as an HTTP POST to
+// `endpoint`, connecting first when the connection is not open. SOAP_OK or the runtime's
+// error (the socket is then closed).
+int sendRequestEnvelope(struct soap* soap, const char* endpoint, const std::string& envelope);
+
+// Sends a whole response envelope written by us (no attachments) as the HTTP answer to the
+// request being served. SOAP_OK or the runtime's error.
+int sendResponseEnvelope(struct soap* soap, const std::string& envelope);
+
+// Ends the reading of a message whose envelope readSoapEnvelope has read: reads its DIME
+// attachments (into soap->dime.list). SOAP_OK or the runtime's error.
+int finishSoapReceive(struct soap* soap);
+
+// Frees what the last message left in the context (data, attachments), keeping the
+// connection.
+void endSoapMessage(struct soap* soap);
+
+}  // namespace KX
+
+#endif  // VELMO_NETWORK_DETAIL_KXSOAPIO_H_
