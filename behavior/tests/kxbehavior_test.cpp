@@ -6,7 +6,7 @@
 #include <functional>
 #include <future>
 
-#include "behavior/kxsimpletimeline.h"
+#include "behavior/detail/kxsimpletimeline.h"
 #include "behavior/tests/behaviortestkit.h"
 #include "log/tests/logtestsupport.h"
 

@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "broker/detail/kxchildbrokers.h"
 #include "broker/kxbrokermanager.h"
-#include "broker/kxchildbrokers.h"
 #include "broker/tests/broker_test_support.h"
 #include "module/kxproxy.h"
 #include "module/kxtaskmonitor.h"

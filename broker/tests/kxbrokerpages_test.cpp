@@ -135,16 +135,6 @@ TEST_F(BrokerPagesTest, UrlCallsAnswerTheResultOrWhyThereIsNone) {
   EXPECT_EQ(calc_->notes, 1);
 }
 
-TEST(BrokerPageText, EscapeXmlAndDecodeUrl) {
-  const std::pair<const char*, const char*> kEscaped[] = {{"<&>\"'", "&lt;&amp;&gt;&quot;&apos;"},
-                                                          {"&amp;", "&amp;amp;"}};
-  for (const auto& [text, escaped] : kEscaped) EXPECT_EQ(detail::escapeXml(text), escaped);
-  const std::pair<const char*, const char*> kDecoded[] = {
-      {"%5B1,%202%5D", "[1, 2]"}, {"%22a%22", "\"a\""}, {"%4a%4A", "JJ"},   {"a+b", "a+b"},
-      {"100%", "100%"},           {"%4", "%4"},         {"%zz%2", "%zz%2"}, {"%25", "%"}};
-  for (const auto& [text, decoded] : kDecoded) EXPECT_EQ(detail::decodeUrl(text), decoded);
-}
-
 }  // namespace
 }  // namespace testing
 }  // namespace KX

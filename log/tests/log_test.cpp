@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "log/consolehandler.h"
+#include "log/detail/consolehandler.h"
 #include "log/detail/dispatcher.h"
 #include "log/sdklayout.h"
 #include "log/tests/logtestsupport.h"

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "broker/kxbrokermanager.h"
 #include "module/kxpcalltask.h"
 #include "module/kxtaskmonitor.h"
 #include "module/tests/proxy_test_support.h"
@@ -40,7 +41,10 @@ TEST_F(ProxyTest, FindsTheModuleInItsBrokerOrThroughTheSearch) {
   const std::string notFound = errorText("KXProxy", "constructor", "Module 'Nowhere' not found.");
   EXPECT_EQ(errorOf([&] { KXProxy(broker_, "Nowhere", KXProxy::kSkipLocalBroker); }), notFound);
   // Nothing listens on port 1: the fallback broker cannot ask, so the module is not found.
-  EXPECT_EQ(errorOf([] { KXProxy("Nowhere", "127.0.0.1", 1); }), notFound);
+  EXPECT_EQ(errorOf([] {
+              KXProxy(KXBrokerManager::getInstance()->getEmptyBroker(), "Nowhere", "127.0.0.1", 1);
+            }),
+            notFound);
   EXPECT_EQ(errorOf([&] { KXProxy(broker_, "Nowhere", "127.0.0.1", 1); }),
             errorText("KXProxy", "exploreToGetModuleByName", "No network"));
 }

@@ -1,6 +1,6 @@
 // Who may use a broker's port: the headers read, then each request's decision and the exact
 // reason a refused person reads.
-#include "network/kxaccesspolicy.h"
+#include "network/detail/kxaccesspolicy.h"
 
 #include <gtest/gtest.h>
 

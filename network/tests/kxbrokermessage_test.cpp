@@ -1,7 +1,7 @@
 // Broker protocol messages: requests and answers read by position and type, refused with the
 // runtime's words; and the calls written directly, byte for byte as the generated serializers
 // write them.
-#include "network/kxbrokermessage.h"
+#include "network/detail/kxbrokermessage.h"
 
 #include <gtest/gtest.h>
 
@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "network/kxbrokersoap.h"
-#include "network/kxsoapcontext.h"
+#include "network/detail/kxbrokersoap.h"
+#include "network/detail/kxsoapcontext.h"
 #include "network/tests/wire_test_support.h"
 #include "value/tests/value_test_util.h"
 

@@ -1,7 +1,7 @@
 // Serving one connection: answers framed as the runtime frames them, faults, keep-alive and
 // pipelining, DIME, and the requests after which a connection must end. A hand-written peer
 // sends the requests; the handler answers from the request alone.
-#include "network/kxbrokerserve.h"
+#include "network/detail/kxbrokerserve.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "network/kxsoapcontext.h"
+#include "network/detail/kxsoapcontext.h"
 #include "network/tests/wire_test_support.h"
 #include "value/tests/value_test_util.h"
 

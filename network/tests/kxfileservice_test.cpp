@@ -1,6 +1,6 @@
 // The HTTP side of a broker's port, spoken to byte by byte: files under the roots, pages for
 // every other path, the answers of the access rules, and no way out of the roots.
-#include "network/kxfileservice.h"
+#include "network/detail/kxfileservice.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -16,8 +16,8 @@
 
 #include "log/sdklayout.h"
 #include "log/tests/logtestsupport.h"
-#include "network/kxbrokerserve.h"
-#include "network/kxsoapcontext.h"
+#include "network/detail/kxbrokerserve.h"
+#include "network/detail/kxsoapcontext.h"
 #include "network/tests/wire_test_support.h"
 
 namespace KX {

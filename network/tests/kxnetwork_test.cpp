@@ -1,7 +1,7 @@
 // Live brokers of one process: the operations only a broker carries out, its port spoken to
 // by hand for what only the running server does, and brokers talking over their network
 // services as brokers of different processes do, across real TCP connections on 127.0.0.1.
-#include "network/kxnetwork.h"
+#include "network/detail/kxnetwork.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@
 #include "memory/kxmemory.h"
 #include "memory/kxstandardmodules.h"
 #include "module/tests/proxy_test_support.h"
-#include "network/kxbrokerdispatch.h"
+#include "network/detail/kxbrokerdispatch.h"
 #include "network/tests/wire_test_support.h"
 
 namespace KX {

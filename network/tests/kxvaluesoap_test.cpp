@@ -1,4 +1,4 @@
-#include "network/kxvaluesoap.h"
+#include "network/detail/kxvaluesoap.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -58,7 +58,7 @@ std::string array(const std::string& items, const std::string& attributes = "") 
 }
 
 const std::string kNil = "<item xsi:nil=\"true\" xsi:type=\"nil\">nil</item>";
-const std::string kAssert = "\tKXValue::Assert failed\n\tnetwork/kxvaluesoap.cpp:";
+const std::string kAssert = "\tKXValue::Assert failed\n\tnetwork/detail/kxvaluesoap.cpp:";
 const std::string kTooDeep = "value too deeply nested (more than 64 levels)";
 
 TEST(WriteKXValue, EachKindHasItsItemAndRefusalsLeaveTheTextAsItWas) {

@@ -127,7 +127,7 @@ TEST(ProcessTest, AChildOutlivesItsParent) {
   // It goes on serving its own modules.
   EXPECT_NE(page(nodePort, "/index.xml").find("<name>Keep</name>"), std::string::npos);
   auto caller = KXBroker::createBroker("caller", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive);
-  EXPECT_EQ(KXProxy("Keep", "127.0.0.1", nodePort).call<int>("add", 1, 2), 3);
+  EXPECT_EQ(KXProxy(caller, "Keep", "127.0.0.1", nodePort).call<int>("add", 1, 2), 3);
   caller->shutdown();
   node->signal(SIGTERM);
   EXPECT_EQ(node->waitExit(), 0);

@@ -23,8 +23,8 @@
 #include <vector>
 
 #include "module/kxmoduleinfo.h"
-#include "network/kxbrokermessage.h"
-#include "network/kxvaluesoap.h"
+#include "network/detail/kxbrokermessage.h"
+#include "network/detail/kxvaluesoap.h"
 #include "value/kxvalue.h"
 #include "value/tests/value_test_util.h"
 
