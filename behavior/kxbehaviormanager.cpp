@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "behavior/kxbehavior.h"
 #include "behavior/detail/kxsimpletimeline.h"
+#include "behavior/kxbehavior.h"
 #include "broker/kxbroker.h"
 #include "log/log.h"
 #include "module/kxproxy.h"
