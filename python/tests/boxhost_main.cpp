@@ -1,10 +1,6 @@
-// A behaviour host of the tests' own, shaped like a robot's main program: a broker that
-// is a child of the tree at 127.0.0.1:PARENT_PORT, a native box "Relay" that passes each
-// value of its input "in" on to its output "out", and an embedded interpreter that runs
-// SCRIPT with the broker's address in ADDRESS (for ivelmo.setInstance), so that the
-// script's Python boxes live beside the native one. Runs until its standard input closes.
-//
-// Usage: velmo_boxhost PARENT_PORT SCRIPT
+// Usage: velmo_boxhost PARENT_PORT SCRIPT. A robot's main program in small: a child broker
+// with a native box "Relay" (input "in" passed on to "out") and an interpreter that runs SCRIPT
+// with the broker's address in ADDRESS, until standard input closes.
 #include <Python.h>
 
 #include <fstream>
@@ -16,7 +12,6 @@
 #include "behavior/kxbehavior.h"
 #include "behavior/kxbehaviormanager.h"
 #include "broker/kxbroker.h"
-#include "value/kxerror.h"
 
 namespace {
 
@@ -52,17 +47,11 @@ int main(int argc, char** argv) {
     std::cerr << "usage: " << argv[0] << " PARENT_PORT SCRIPT" << std::endl;
     return 2;
   }
-  std::shared_ptr<KX::KXBroker> broker;
-  try {
-    broker = KX::KXBroker::createBroker("boxhost", "127.0.0.1", 0, "127.0.0.1", std::stoi(argv[1]),
-                                        KX::KXBroker::kKeepAlive);
-    KX::addBehaviorManager(broker);
-    KX::createModule<RelayBox>(broker, "Relay");
-  } catch (const KX::KXError& error) {
-    std::cerr << error.what() << std::endl;
-    if (broker) broker->shutdown();
-    return 1;
-  }
+  // A KXError here ends the program with its text, which the test shows.
+  std::shared_ptr<KX::KXBroker> broker = KX::KXBroker::createBroker(
+      "boxhost", "127.0.0.1", 0, "127.0.0.1", std::stoi(argv[1]), KX::KXBroker::kKeepAlive);
+  KX::addBehaviorManager(broker);
+  KX::createModule<RelayBox>(broker, "Relay");
   Py_InitializeEx(0);
   int status = runScript(argv[2], broker.get());
   // The framework's threads run the script's boxes meanwhile, each taking the

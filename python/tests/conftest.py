@@ -1,6 +1,8 @@
 """The kit of the Python tests: the build's programs, a broker and a Python module per test,
 programs of the test's own with bounded waits, and a browser."""
 import collections
+import http.client
+import json
 import os
 import queue
 import re
@@ -10,6 +12,7 @@ import sys
 import textwrap
 import threading
 import time
+import urllib.parse
 
 import pytest
 
@@ -41,6 +44,28 @@ def wait_until(condition, what):
             return value
         time.sleep(0.02)
     raise AssertionError(f"gave up waiting for {what}")
+
+
+def ask(port, method, path, headers, body=None):
+    """One request with exactly these headers; gives (status, header dict, text)."""
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=PATIENCE_S)
+    try:
+        connection.putrequest(method, path, skip_host=True, skip_accept_encoding=True)
+        for name, value in {**headers, **({"Content-Length": len(body)} if body else {})}.items():
+            connection.putheader(name, value)
+        connection.endheaders(body.encode() if body else None)
+        response = connection.getresponse()
+        return response.status, dict(response.getheaders()), response.read().decode()
+    finally:
+        connection.close()
+
+
+def url_call(port, call, token=None):
+    """The decoded answer of the JSON url call `call` ("Module.method(args)"), asked as a tool."""
+    status, _, text = ask(port, "GET", "/?json" + urllib.parse.quote(call),
+                          {"Authorization": f"Bearer {token}"} if token else {})
+    assert status == 200, text
+    return json.loads(text)
 
 
 class Program:

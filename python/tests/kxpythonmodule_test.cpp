@@ -72,7 +72,6 @@ TEST_F(PythonModuleTest, ArgumentsAndResultsAreConvertedAndCounted) {
     KXValue params;
     KXValue result;  // `record` answers how many arguments it received
   } cases[] = {
-      {"pair", args({1, "x"}), args({1, "x"})},
       {"twice", args({2.5f}), 5.0f},
       {"nothing", args({}), KXValue()},  // None: Invalid, in place of the old value
       {"version", KXValue(), "unused"},  // built-ins stay native

@@ -1,8 +1,6 @@
 #include "python/pygil.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <unistd.h>
 
 #include <string>
 #include <thread>
@@ -15,7 +13,6 @@ namespace python {
 namespace {
 
 using testing::eval;
-using testing::run;
 
 TEST(ScopedGILRelease, ReleasesForTheScopeAndTakesBackOnEveryWayOut) {
   {
@@ -30,31 +27,6 @@ TEST(ScopedGILRelease, ReleasesForTheScopeAndTakesBackOnEveryWayOut) {
   } catch (const KXError&) {
     EXPECT_EQ(PyGILState_Check(), 1);
   }
-}
-
-TEST(ScopedGILRelease, AnotherPythonThreadRunsWhileReleased) {
-  // The worker blocks in a read (lock released); once the byte arrives it needs the lock
-  // back to write its answer, which it gets only while this thread has released it.
-  ASSERT_TRUE(
-      run("import os, threading\n"
-          "go_r, go_w = os.pipe()\ndone_r, done_w = os.pipe()\n"
-          "worker = threading.Thread(target=lambda: os.write(done_w, os.read(go_r, 1)))\n"
-          "worker.start()\n"));
-  PyObjectPtr go = eval("go_w");
-  PyObjectPtr done = eval("done_r");
-  pollfd answer = {static_cast<int>(PyLong_AsLong(done.get())), POLLIN, 0};
-  int ready = 0;
-  {
-    ScopedGILRelease release;
-    const char byte = 'x';
-    if (write(static_cast<int>(PyLong_AsLong(go.get())), &byte, 1) == 1) {
-      ready = poll(&answer, 1, 30000);
-    }
-  }
-  EXPECT_EQ(ready, 1);
-  ASSERT_TRUE(
-      run("worker.join(60)\nassert not worker.is_alive()\n"
-          "for fd in (go_r, go_w, done_r, done_w): os.close(fd)\n"));
 }
 
 TEST(ScopedGILAcquire, LetsANativeThreadRunPythonAndNests) {

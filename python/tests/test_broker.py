@@ -71,26 +71,6 @@ def test_python_and_framework_threads_call_at_once(calc):
     assert [memory.getData(f"t{n}") for n in range(16)] == [calls_each - 1] * 16
 
 
-def test_a_python_module_is_called_from_a_child_process(root_broker, calc):
-    done = run_python(f"""
-        import ivelmo
-        ivelmo.broker("pychild", "127.0.0.1", 0, "127.0.0.1", {root_broker.port})
-        blob, calc = bytes(range(256)) * 256, ivelmo.proxy("Calc")
-        assert calc.pythonCall(["echo", [1, blob, ["x", 2.5]]]) == [1, blob, ["x", 2.5]]
-        memory = ivelmo.getMemoryProxy()
-        memory.insertData("fromChild", blob[:1000])
-        assert memory.getBrokerName() == "pytest"
-        try:
-            calc.pythonCall(["fail"])
-        except RuntimeError as e:
-            print("ERROR", repr(str(e)))
-    """)
-    assert done.returncode == 0, done.stdout + done.stderr
-    # A remote error carries the module's own description.
-    assert "ERROR " + repr("\tCalc::fail\n\t<class 'ValueError'>\nbad") in done.stdout.splitlines()
-    assert ivelmo.getMemoryProxy().getData("fromChild") == (bytes(range(256)) * 4)[:1000]
-
-
 def test_without_a_current_broker_each_object_says_so():
     done = run_python("""
         import ivelmo

@@ -1,22 +1,9 @@
 """The broker's pages for a person, in a real browser (headless Chromium)."""
-import json
 import os
 import time
-import urllib.parse
-import urllib.request
 from xml.etree import ElementTree
 
-from conftest import BIN_DIR, PATIENCE_S, start_velmo, wait_until
-
-
-def get(port, path):
-    with urllib.request.urlopen(f"http://127.0.0.1:{port}{path}", timeout=30) as response:
-        return response.read().decode("utf-8")
-
-
-def url_call(port, call):
-    """The decoded answer of the broker's JSON url call `call` ("Module.method(args)")."""
-    return json.loads(get(port, "/?json" + urllib.parse.quote(call)))
+from conftest import BIN_DIR, PATIENCE_S, ask, start_velmo, url_call, wait_until
 
 
 def call_from_page(browser, method, *values):
@@ -45,7 +32,8 @@ def test_a_person_browses_the_tree_and_stores_a_value_from_the_memory_page(start
     start_program([os.path.join(BIN_DIR, "velmo"), "--name", "child", "--ip", "127.0.0.1",
                    "--port", "0", "--parent-ip", "127.0.0.1", "--parent-port", str(root)])
     [child] = wait_until(lambda: [int(broker.findtext("port")) for broker in ElementTree.fromstring(
-        get(root, "/index.xml")).findall("childBrokers/broker")], "the root to list its child")
+        ask(root, "GET", "/index.xml", {})[2]).findall("childBrokers/broker")],
+        "the root to list its child")
     wait = WebDriverWait(browser, PATIENCE_S)
     browser.get(f"http://127.0.0.1:{root}/")
     wait.until(lambda _: browser.find_elements(By.CSS_SELECTOR, "#modules a.module"))
