@@ -88,9 +88,6 @@ using BrokerWireTest = NetworkTreeTest;
 TEST_F(NetworkTreeTest, AChildCallsAModuleOfItsParentAndGetsItsErrors) {
   KXProxy proxy(child_, "Calc");
   EXPECT_FALSE(proxy.isLocal());
-  EXPECT_EQ(proxy.getBrokerName(), "root");
-  EXPECT_EQ(proxy.call<int>("add", 2, 3), 5);
-  EXPECT_EQ(proxy.call<std::string>("greet", "Bob"), "Hello Bob");
   EXPECT_EQ(proxy.genericCall("twice", KXValue(21)), KXValue(42));  // wrapped as the list
   const struct {
     std::function<void()> call;
@@ -106,12 +103,10 @@ TEST_F(NetworkTreeTest, AChildCallsAModuleOfItsParentAndGetsItsErrors) {
                  "Parameter type is Int instead of string")},
       {[&] { proxy.call<int>("pause", 1); },
        errorText("KXProxy", "call", "Waiting for the result of a void function")},
-      {[&] { KXProxy nowhere(child_, "Nowhere"); },
-       errorText("KXProxy", "constructor", "Module 'Nowhere' not found.")},
   };
   for (const auto& c : cases) EXPECT_EQ(errorOf(c.call), c.error);
   EXPECT_EQ(proxy.call<int>("add", 20, 22), 42);  // the connection carries on
-  EXPECT_EQ(calc_->addCalls.load(), 3);
+  EXPECT_EQ(calc_->addCalls.load(), 2);
 }
 
 // An empty Binary once went as an empty attachment that memcpy copied into a null block.
@@ -130,8 +125,11 @@ TEST_F(NetworkTreeTest, ParallelCallsAreWaitedForAndStoppedRemotely) {
   EXPECT_EQ(id % 2, 0);
   EXPECT_EQ(calc_->waitForOwnTaskId(), id);
   EXPECT_TRUE(proxy.isRunning(id));
+  EXPECT_EQ(outcome(Op::getDebugTaskList, {}),
+            std::vector<std::string>{"value 1 [[" + std::to_string(id) +
+                                     ", \"Calc\", \"runUntilStopped\"]]"});
   EXPECT_TRUE(proxy.wait(id, 50));  // timed out: still running
-  proxy.stop(id);
+  EXPECT_EQ(outcome(Op::stopTask, {id}), std::vector<std::string>{"0"});  // the broker stops it
   EXPECT_FALSE(proxy.wait(id, 0));  // ends once it sees the request
   EXPECT_TRUE(calc_->stoppedOnRequest.load());
   EXPECT_FALSE(proxy.isRunning(id));
@@ -157,9 +155,6 @@ TEST_F(NetworkTreeTest, TheParentKnowsItsChildItsModulesAndItsBeat) {
   const std::vector<KXBrokerInfo> children = root_->getChildBrokers();
   ASSERT_EQ(children.size(), 1u);
   EXPECT_EQ(describe(children[0]), describe(child_->getBrokerInfo()));
-  std::vector<std::string> brokers;
-  for (const auto& info : root_->getBrokerList()) brokers.push_back(info.name);
-  EXPECT_EQ(brokers, (std::vector<std::string>{"root", "child"}));
   KXProxy proxy(root_, "ChildCalc");  // found downwards
   EXPECT_EQ(proxy.getBrokerName(), "child");
   EXPECT_EQ(proxy.call<int>("twice", 4), 8);
@@ -217,32 +212,8 @@ TEST_F(BrokerWireTest, EveryOperationIsCarriedOutOnTheAddressedBroker) {
   }
   const std::vector<std::string> global = outcome(Op::getGlobalModuleList, {});
   EXPECT_NE(std::find(global.begin(), global.end(), "Deep" + childAt + "|module"), global.end());
-  const std::vector<std::string> methods = outcome(Op::getMethodList, {"Calc"s});
-  EXPECT_EQ(std::vector<std::string>(methods.begin(), methods.begin() + 3),
-            (std::vector<std::string>{"'exit'", "'version'", "'ping'"}));
-  EXPECT_EQ(methods.back(), "'runUntilStopped'");
   EXPECT_EQ(carryOut(Op::sendBackIP, {}, "").fault.value_or(BrokerFault{}).string,
             "Unable to send Back IP");
-  // A posted call that runs is listed, and stopped on request.
-  const int id = static_cast<int>(std::get<KXValue>(
-      carryOut(Op::callVelmo2, {"Calc"s, "runUntilStopped"s, args({})}).items[0]));
-  ASSERT_EQ(calc_->waitForOwnTaskId(), id);
-  EXPECT_EQ(outcome(Op::getDebugTaskList, {}),
-            std::vector<std::string>{"value 1 [[" + std::to_string(id) +
-                                     ", \"Calc\", \"runUntilStopped\"]]"});
-  EXPECT_EQ(outcome(Op::stopTask, {id}), std::vector<std::string>{"0"});
-  EXPECT_TRUE(eventually([this] { return calc_->stoppedOnRequest.load(); }));
-  // A module's own error travels as it was raised.
-  EXPECT_EQ(errorOf([&] {
-              carryOut(Op::callVelmo, {"Calc"s, "fail"s, args({})});
-            }),
-            errorText("Calculator", "fail", "deliberate failure"));
-  EXPECT_EQ(errorOf([&] {
-              carryOut(Op::callVelmo, {"Nope"s, "add"s, args({})});
-            }),
-            errorText("KXBroker", "methodCall",
-                      "Module not found.Could not execute method \"add\" of module \"Nope\" "
-                      "because this module does not exist."));
   const std::shared_ptr<KXProxy> before = root_->getProxy("Calc");
   carryOut(Op::unregisterModuleReference, {"Calc"s});  // drops the shared proxy
   EXPECT_NE(root_->getProxy("Calc"), before);
@@ -315,7 +286,6 @@ TEST_F(BrokerWireTest, APeerThatLeavesDuringASlowCallDoesNotHurtTheServer) {
   }
   calc_->release.countDown();
   expectServing();
-  expectServing();
 }
 
 TEST_F(BrokerWireTest, ExitIsOneWayAndShutsTheBrokerDown) {
@@ -331,22 +301,8 @@ TEST_F(BrokerWireTest, ExitIsOneWayAndShutsTheBrokerDown) {
     EXPECT_EQ(received, "");  // no answer
   }
   EXPECT_TRUE(eventually([this] { return root_->isShuttingDown(); }));
-  EXPECT_TRUE(eventually([this] {
-    const auto brokers = KXBrokerManager::getInstance()->getBrokers();
-    return std::find(brokers.begin(), brokers.end(), root_) == brokers.end();
-  }));
   EXPECT_TRUE(eventually([this] { return !WireConnection(port_).connected(); }));
   EXPECT_TRUE(idle.waitForClose());
-}
-
-TEST(NetworkServerTest, FreePortsAreFoundPastTheTakenOnes) {
-  PortHolder holder;
-  auto root = rootBroker("ports");
-  auto network = root->getNetwork();
-  EXPECT_GE(root->getPort(), 54010);
-  EXPECT_GT(network->findFreePort("127.0.0.1", root->getPort()), root->getPort());
-  EXPECT_GT(network->findFreePort("", holder.port()), holder.port());
-  root->shutdown();
 }
 
 TEST(NetworkQueueTest, TheTwentySecondWaitingRemoteCallIsDropped) {
@@ -367,7 +323,7 @@ TEST(NetworkQueueTest, TheTwentySecondWaitingRemoteCallIsDropped) {
   root->shutdown();  // interrupts the waiting call
 }
 
-TEST(BrokerProxyTest, ForwardsToTheRemoteBrokerAndRefusesRegistration) {
+TEST(BrokerProxyTest, ForwardsToTheRemoteBrokerOrReportsItsEndpoint) {
   auto remote = rootBroker("remoteOne");
   createModule<Calculator>(remote, "RemoteCalc");
   auto local = rootBroker("localOne");
@@ -381,6 +337,13 @@ TEST(BrokerProxyTest, ForwardsToTheRemoteBrokerAndRefusesRegistration) {
   EXPECT_EQ(proxy->sendBackIP(), "127.0.0.1");
   EXPECT_EQ(errorOf([&] { proxy->registerBroker(); }),
             errorText("KXBrokerProxy", "registerBroker", "unimplemented"));
+  KXBrokerProxy unreachable(local, "127.0.0.1", 1);
+  EXPECT_EQ(errorOf([&] { unreachable.getBrokerInfo(info); }),
+            errorText("KXNetwork", "Connect",
+                      "Connection failed. Could not contact endpoint: http://127.0.0.1:1 "
+                      "Please verify that Velmo is running at this address."));
+  KXModuleInfo found;
+  EXPECT_EQ(unreachable.exploreToGetModuleByName("X", true, true, "", false, found), -1);
   // Once the local broker is gone, nothing is sent.
   local->shutdown();
   local.reset();
@@ -388,19 +351,6 @@ TEST(BrokerProxyTest, ForwardsToTheRemoteBrokerAndRefusesRegistration) {
   EXPECT_EQ(errorOf([&] { proxy->getModuleList(modules); }),
             errorText("ThreadedRemoteExecution", "getParentBroker", "module does not exist"));
   remote->shutdown();
-}
-
-TEST(BrokerProxyTest, AnUnreachableBrokerIsReportedWithItsEndpoint) {
-  auto local = rootBroker("lonely");
-  KXBrokerProxy proxy(local, "127.0.0.1", 1);
-  KXBrokerInfo info;
-  EXPECT_EQ(errorOf([&] { proxy.getBrokerInfo(info); }),
-            errorText("KXNetwork", "Connect",
-                      "Connection failed. Could not contact endpoint: http://127.0.0.1:1 "
-                      "Please verify that Velmo is running at this address."));
-  KXModuleInfo found;
-  EXPECT_EQ(proxy.exploreToGetModuleByName("X", true, true, "", false, found), -1);
-  local->shutdown();
 }
 
 // A broker whose network could not start once stayed half-made in the broker manager.
@@ -417,9 +367,6 @@ TEST(NetworkParentTest, AnUnreachableParentIsATimeout) {
 
 TEST(NetworkModuleTest, AnswersItsPublishedMethodsGenerically) {
   auto root = rootBroker("published");
-  std::shared_ptr<KXModuleCore> network = root->getModuleCore("KXNetwork");
-  EXPECT_EQ(network->getMethodHelp("heartBeat")[2][0], KXValue("brokerName"));
-
   // Through the published forms: a connection to the broker itself, its record, its lists.
   KXProxy proxy(root, "KXNetwork");
   const KXValue connection = proxy.genericCall(
