@@ -1,44 +1,25 @@
 // The behaviour tests' kit: a broker per test hosting the standard modules and a behaviour
-// host, a box that records its input and its loading, and the text of a KXError.
+// host, and a box that records its input and its loading.
 #ifndef VELMO_BEHAVIOR_TESTS_BEHAVIORTESTKIT_H_
 #define VELMO_BEHAVIOR_TESTS_BEHAVIORTESTKIT_H_
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <condition_variable>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "behavior/kxbehavior.h"
 #include "behavior/kxbehaviormanager.h"
-#include "broker/kxbroker.h"
 #include "memory/kxmemory.h"
 #include "memory/kxresourcemanager.h"
 #include "memory/kxstandardmodules.h"
-#include "thread/tests/thread_test_support.h"
-#include "value/tests/value_test_util.h"
+#include "module/tests/proxy_test_support.h"
 
 namespace KX {
 namespace testing {
 
 using Strings = std::vector<std::string>;
 using testing_util::arrayOf;
-using testing_util::errorText;
-
-inline std::string kxError(const std::string& module, const std::string& method,
-                           const std::string& description) {
-  return "\t" + module + "::" + method + "\n\t" + description;
-}
-
-// A broker of this process under a name of its own.
-inline std::shared_ptr<KXBroker> newBroker() {
-  static std::atomic<int> counter{0};
-  return KXBroker::createBroker("behaviorTest" + std::to_string(++counter), "127.0.0.1", 0, "", 0,
-                                KXBroker::kKeepAlive, "", false);
-}
 
 // A box with an input "onData" and the methods onLoad and onUnload: it records their calls
 // (the value, or the box's state), refusing onLoad and onUnload while `failing`.
@@ -76,14 +57,13 @@ class RecordingBox : public KXBehavior {
   Strings records_;
 };
 
-class BoxTest : public ::testing::Test {
+class BoxTest : public BrokerTest {
  protected:
   void SetUp() override {
-    broker_ = newBroker();
+    BrokerTest::SetUp();
     addStandardModules(broker_);
     addBehaviorManager(broker_);
   }
-  void TearDown() override { broker_->shutdown(); }
   template <typename Module>
   std::shared_ptr<Module> module(const std::string& name) const {
     return std::dynamic_pointer_cast<Module>(broker_->getModuleCore(name));
@@ -91,7 +71,6 @@ class BoxTest : public ::testing::Test {
   std::shared_ptr<KXBehaviorManager> host() const {
     return module<KXBehaviorManager>("KXBehaviorManager");
   }
-  std::shared_ptr<KXBroker> broker_;
 };
 
 }  // namespace testing

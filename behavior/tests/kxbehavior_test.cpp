@@ -58,7 +58,7 @@ TEST_F(BoxTest, ABoxTakesItsResourcesAndAStopEndsItsWaitForThem) {
     ADD_FAILURE() << "the stop did not end the wait";
     manager->releaseResource("legs", "Someone");  // lets the waiter return
   }
-  EXPECT_EQ(text.get(), kxError("KXBehavior", "waitResourceFree", "Box stopped during wait"));
+  EXPECT_EQ(text.get(), errorText("KXBehavior", "waitResourceFree", "Box stopped during wait"));
 }
 
 // Box "Box" (unloaded) with own parameter "p", inherited "i", input "missing" (no method)
@@ -79,21 +79,14 @@ TEST_F(BoxTest, EveryRefusalAndLogLineCarriesItsText) {
   b->addOutputLink("out", "Nobody", "m");
   createModule<KXBehavior>(broker_, "Child")->setParentFromName("Box");
   const auto unregistered = std::make_shared<KXBehavior>(broker_, "Unregistered");
-  const auto bare = newBroker();
+  const auto bare =
+      KXBroker::createBroker("bare", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive, "", false);
   std::shared_ptr<KXBehavior> lonely;  // without KXMemory
   KXSimpleTimeline timeline(100, 10);
-  const auto ofBox = [](const std::string& method, const std::string& text) {
-    return kxError("KXBehavior", method, text);
-  };
-  const auto ofHost = [](const std::string& method, const std::string& text) {
-    return kxError("KXBehaviorManager", method, text);
-  };
-  const auto ofTimeline = [](const std::string& method, const std::string& text) {
-    return kxError("KXSimpleTimeline", method, text);
-  };
+  const std::string ofBox = "KXBehavior", ofHost = "KXBehaviorManager";
+  const std::string ofTimeline = "KXSimpleTimeline";
   const std::string notABox = "\" is not a box of the broker " + broker_->getName() + ".";
   const std::string parentOf = "Could not define a parent ofBox: parent ";
-  const std::string rate = "The rate must be at least 1 frame per second.";
   const std::string outside = " is outside the timeline (1 to 100).";
   const std::string deprecated = " is deprecated. You should ";
   const std::string W = "warning behavior.box ", E = "error behavior.box ";
@@ -104,46 +97,51 @@ TEST_F(BoxTest, EveryRefusalAndLogLineCarriesItsText) {
       {[&] { lonely = createModule<KXBehavior>(bare, "Lonely"); },
        E + "Lonely Cannot create proxy to KXMemory !"},
       {[&] { lonely->_connectOutput("E"); },
-       ofBox("connectOutput", "Cannot add output link, as there is no proxy to KXMemory")},
+       errorText(ofBox, "connectOutput",
+                 "Cannot add output link, as there is no proxy to KXMemory")},
       {[&] { lonely->stimulateIO("out", KXValue(1)); },
-       ofBox("stimulateIO", "Cannot raise event, as there is no proxy to KXMemory")},
+       errorText(ofBox, "stimulateIO", "Cannot raise event, as there is no proxy to KXMemory")},
       {[&] { b->getParameter("p"); },
        W + "Box::getParameter(p)  shall not be called when the box is unloaded. You should call "
            "it in onLoad method."},
-      {[&] { b->getParameter("x"); }, ofBox("getParameter", "Parameter \"x\" does not exist.")},
+      {[&] { b->getParameter("x"); },
+       errorText(ofBox, "getParameter", "Parameter \"x\" does not exist.")},
       {[&] { b->setParameter("x", KXValue(1)); },
-       ofBox("setParameter", "Parameter \"x\" does not exist.")},
+       errorText(ofBox, "setParameter", "Parameter \"x\" does not exist.")},
       {[&] { b->setParameter("p", KXValue()); },
-       ofBox("setParameter", "Cannot set parameter to invalid value.")},
+       errorText(ofBox, "setParameter", "Cannot set parameter to invalid value.")},
       {[&] { b->setParameters(arrayOf(arrayOf("p"))); },
-       ofBox("setParameters", "KXValue is not at the expected format : [[name, value]]")},
+       errorText(ofBox, "setParameters",
+                 "KXValue is not at the expected format : [[name, value]]")},
       {[&] { b->setParentFromName("Nobody"); },
-       ofBox("setParentFromName", parentOf + "does not exist.")},
+       errorText(ofBox, "setParentFromName", parentOf + "does not exist.")},
       {[&] { b->setParentFromName("KXMemory"); },
-       ofBox("setParentFromName", parentOf + "is not a valid KXBehavior.")},
+       errorText(ofBox, "setParentFromName", parentOf + "is not a valid KXBehavior.")},
       // Once accepted: parameter look-ups then went round the cycle for ever.
       {[&] { b->setParentFromName("Child"); },
-       ofBox("setParentFromName", parentOf + "would make a cycle.")},
+       errorText(ofBox, "setParentFromName", parentOf + "would make a cycle.")},
       {[&] { unregistered->dataChanged("E", KXValue(1), ""); },
-       ofBox("dataChanged",
-             "This behavior has no proxy to itself, unable to use notification from KXMemory...")},
+       errorText(
+           ofBox, "dataChanged",
+           "This behavior has no proxy to itself, unable to use notification from KXMemory...")},
       {[&] { host()->linkBehaviors("Box", "out", "Box", "x"); },
-       ofBox("connectInput", "Input \"x\" does not exist.")},
+       errorText(ofBox, "connectInput", "Input \"x\" does not exist.")},
       {[&] { b->addOutputLink("x", "Parent", "m"); },
-       ofBox("addOutputLink", "Output \"x\" does not exist.")},
-      {[&] { host()->loadBehavior("KXMemory"); }, ofHost("loadBehavior", "\"KXMemory" + notABox)},
-      {[&] { host()->unloadBehavior("Nobody"); }, ofHost("unloadBehavior", "\"Nobody" + notABox)},
+       errorText(ofBox, "addOutputLink", "Output \"x\" does not exist.")},
+      {[&] { host()->loadBehavior("KXMemory"); },
+       errorText(ofHost, "loadBehavior", "\"KXMemory" + notABox)},
+      {[&] { host()->unloadBehavior("Nobody"); },
+       errorText(ofHost, "unloadBehavior", "\"Nobody" + notABox)},
       {[&] { host()->getTimelineFrame("Box"); },
-       ofHost("getTimelineFrame", "The box \"Box\" has no timeline.")},
+       errorText(ofHost, "getTimelineFrame", "The box \"Box\" has no timeline.")},
       {[&] { host()->setTimeline("Box", 0, 25); },
-       ofTimeline("KXSimpleTimeline", "A timeline has at least 1 frame.")},
-      {[] { KXSimpleTimeline(10, 0); }, ofTimeline("KXSimpleTimeline", rate)},
-      {[&] { timeline.setFPS(-1); }, ofTimeline("setFPS", rate)},
-      {[&] { timeline.goTo(0); }, ofTimeline("goTo", "Frame 0" + outside)},
-      {[&] { timeline.goTo(101); }, ofTimeline("goTo", "Frame 101" + outside)},
-      {[&] { timeline.addLabel("x", 101); }, ofTimeline("addLabel", "Frame 101" + outside)},
+       errorText(ofTimeline, "KXSimpleTimeline", "A timeline has at least 1 frame.")},
+      {[&] { timeline.setFPS(-1); },
+       errorText(ofTimeline, "setFPS", "The rate must be at least 1 frame per second.")},
+      {[&] { timeline.goTo(0); }, errorText(ofTimeline, "goTo", "Frame 0" + outside)},
+      {[&] { timeline.goTo(101); }, errorText(ofTimeline, "goTo", "Frame 101" + outside)},
       {[&] { timeline.goTo(std::string("no")); },
-       ofTimeline("goTo", "Label \"no\" does not exist.")},
+       errorText(ofTimeline, "goTo", "Label \"no\" does not exist.")},
       {[&] { b->setLoaded(true), b->getParameter("q"); },
        W + "Box: getParameter(q) of a parentBox without redefining it, is deprecated. You should "
            "define it in the box which uses it and set it as inherit from parent"},
@@ -157,18 +155,18 @@ TEST_F(BoxTest, EveryRefusalAndLogLineCarriesItsText) {
        W + "Box::waitFor" + deprecated + "rather use onStart input to wait for resources."},
       {[&] { b->dataChanged("E", KXValue(1), ""); },
        E + "Box Failed to call input: " +
-           kxError("Box", "onInput_missing__",
-                   "Function onInput_missing__ does not exist in module Box")},
+           errorText("Box", "onInput_missing__",
+                     "Function onInput_missing__ does not exist in module Box")},
       {[&] { b->dataChanged("Box__out", KXValue(1), ""); },
        E + "Box: Failed to call output: \"" +
-           kxError("KXProxy", "constructor", "Module 'Nobody' not found.")},
+           errorText("KXProxy", "constructor", "Module 'Nobody' not found.")},
       {[&] { b->addOutputLink("out", "Parent", "m"); },
        W + "Box::addOutputLink" + deprecated + "rather create a link with Ordavia."},
       {[&] { b->removeOutputLink("out", "Parent", "m"); },
        W + "Box::removeOutputLink" + deprecated + "rather create a link with Ordavia."},
       {[&] { module<KXMemory>("KXMemory")->exit(), b->_connectOutput("F"); },
        "error behavior Box : cannot subscribe to F e=" +
-           kxError("KXMemory", "subscribeToMicroEvent", "The underlying module is invalid.")},
+           errorText("KXMemory", "subscribeToMicroEvent", "The underlying module is invalid.")},
   };
   for (const auto& c : cases) {
     const std::size_t before = capture.records().size();
@@ -207,7 +205,7 @@ TEST_F(BoxTest, TheHostLoadsAndUnloadsBoxesAndOwnsTheTimelinesItGives) {
   // A failing onLoad leaves the box unloaded; a failing onUnload is logged, the box unloaded.
   box->failing = true;
   EXPECT_EQ(errorText([&] { host()->loadBehavior("Box"); }),
-            kxError("RecordingBox", "onLoad", "refused"));
+            errorText("RecordingBox", "onLoad", "refused"));
   box->setLoaded(true);
   tu::log::testing::LogCapture capture;
   host()->unloadBehavior("Box");
@@ -215,7 +213,7 @@ TEST_F(BoxTest, TheHostLoadsAndUnloadsBoxesAndOwnsTheTimelinesItGives) {
   const auto records = capture.withFunction("KX::KXBehaviorManager::unloadBehavior");
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0].message,
-            "Box: onUnload failed: " + kxError("RecordingBox", "onUnload", "refused") + "\n");
+            "Box: onUnload failed: " + errorText("RecordingBox", "onUnload", "refused") + "\n");
   EXPECT_EQ(box->waitFor(4), (Strings{"onLoad loaded=1 stopped=0", "onUnload loaded=1 stopped=1",
                                       "onLoad loaded=1 stopped=0", "onUnload loaded=1 stopped=1"}));
   EXPECT_EQ(host()->getLoadedBehaviors(), Strings{"Plain"});

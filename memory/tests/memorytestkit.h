@@ -6,36 +6,21 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <condition_variable>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <thread>
 #include <vector>
 
-#include "broker/kxbroker.h"
 #include "log/tests/logtestsupport.h"
 #include "memory/kxmemory.h"
 #include "memory/kxresourcemanager.h"
-#include "module/kxproxy.h"
-#include "thread/tests/thread_test_support.h"
-#include "value/tests/value_test_util.h"
+#include "module/tests/proxy_test_support.h"
 
 namespace KX {
 namespace testing {
 
 using Strings = std::vector<std::string>;
 using testing_util::arrayOf;
-using testing_util::errorText;
 using tu::log::testing::LogCapture;
-
-inline std::string memoryError(const std::string& method, const std::string& description) {
-  return "\tKXMemory::" + method + "\n\t" + description;
-}
-inline std::string managerError(const std::string& method, const std::string& description) {
-  return "\tKXResourceManager::" + method + "\n\t" + description;
-}
 
 // A generic call that `module` refuses with KXError(<its name>, <method>, <text>).
 struct Refusal {
@@ -50,22 +35,6 @@ inline void expectRefusals(KXModuleCore& module, const std::vector<Refusal>& ref
               "\t" + module.getName() + "::" + r.method + "\n\t" + r.text)
         << r.params.toString();
   }
-}
-
-inline std::shared_ptr<KXBroker> newBroker() {
-  return KXBroker::createBroker("test", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive, "", false);
-}
-
-// Polls `condition`, bounded by the patience: for effects with nothing to wait on, such as
-// a record logged by a pool worker.
-template <typename Condition>
-bool eventually(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
 }
 
 struct Call {
@@ -121,24 +90,16 @@ class Listener : public KXModule {
 
 // A broker of this process hosting `Module` under its usual name, and a proxy to it.
 template <typename Module>
-class ModuleTest : public ::testing::Test {
+class ModuleTest : public BrokerTest {
  protected:
   explicit ModuleTest(std::string name) : name_(std::move(name)) {}
   void SetUp() override {
-    broker_ = newBroker();
+    BrokerTest::SetUp();
     module_ = createModule<Module>(broker_, name_);
     proxy_ = std::make_shared<KXProxy>(broker_, name_);
   }
-  void TearDown() override { broker_->shutdown(); }
-  KXValue generic(const std::string& method, const KXValue& params) {
-    return proxy_->genericCall(method, params);
-  }
-  std::shared_ptr<Listener> addListener(const std::string& name) {
-    return createModule<Listener>(broker_, name);
-  }
 
   const std::string name_;
-  std::shared_ptr<KXBroker> broker_;
   std::shared_ptr<Module> module_;
   std::shared_ptr<KXProxy> proxy_;
 };
