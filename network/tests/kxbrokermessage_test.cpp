@@ -160,8 +160,6 @@ TEST(KXBrokerMessageTest, EachChildIsReadOrRefusedWithTheRuntimesWords) {
       {"", syntax},
       {whole.substr(0, whole.size() / 2), syntax},
       {"<Envelope><Body><kxbroker:exit/></Body></Envelope>", otherVersion},
-      {"<e:Envelope xmlns:e=\"http://www.w3.org/2003/05/soap-envelope\"><e:Body/></e:Envelope>",
-       otherVersion},
       {"<e:Envelope xmlns:e=\"http://schemas.xmlsoap.org/soap/envelope/\"/>", tag},
       {"<e:Envelope xmlns:e=\"http://schemas.xmlsoap.org/soap/envelope/\" xmlns:k=\"urn:kxbroker\">"
        "<k:exit/></e:Envelope>",
@@ -188,7 +186,6 @@ TEST(KXBrokerMessageTest, AnswersAreReadInTheShapeOfTheirOperation) {
   } cases[] = {
       {Op::callVelmo, answer(Op::callVelmo, kValue), {kValueText}},
       {Op::getModuleByName, answer(Op::getModuleByName, record), {kRecord}},
-      {Op::getDebugTaskList, answer(Op::getDebugTaskList, kValue), {kValueText}},
       // getInfo is answered by the record itself.
       {Op::getInfo, envelope("<kx:KXModuleInfo>" + kRecordXml + "</kx:KXModuleInfo>"), {kRecord}},
       {Op::getInfo, answer(Op::getInfo, ""), {tag + " in element 'kxbroker:getInfoResponse'"}},
@@ -196,14 +193,12 @@ TEST(KXBrokerMessageTest, AnswersAreReadInTheShapeOfTheirOperation) {
        answer(Op::getModuleList, record + "<other><port>1</port><name>M</name></other>"),
        {kRecord, "M|0|:1|0|module"}},
       {Op::getGlobalModuleList, answer(Op::getGlobalModuleList, ""), {}},
-      {Op::getBrokerList, answer(Op::getBrokerList, record), {kRecord}},
       {Op::getMethodList, answer(Op::getMethodList, "<a>x</a><b>y</b><c/>"), {"'x'", "'y'", "''"}},
       {Op::version, answer(Op::version, "<s>text</s>"), {"'text'"}},
       {Op::version,
        answer(Op::sendBackIP, "<s>1</s>"),
        {tag + " in element 'kxbroker:sendBackIPResponse'"}},
       {Op::version, envelope(""), {tag}},
-      {Op::sendBackIP, answer(Op::sendBackIP, "<s>1.2.3.4</s>"), {"'1.2.3.4'"}},
       {Op::stopTask, answer(Op::stopTask, "<n>-1</n>"), {"-1"}},
       {Op::stopTask,
        answer(Op::stopTask, ""),
@@ -218,7 +213,6 @@ TEST(KXBrokerMessageTest, AnswersAreReadInTheShapeOfTheirOperation) {
        "<faultcode>s:Server</faultcode><faultstring>no &quot;x&quot;</faultstring><detail>Calc"
        "</detail></s:Fault></s:Body></s:Envelope>",
        {"fault: s:Server|no \"x\"|Calc"}},
-      {Op::callVelmo, "HTTP/1.1 500", {"refused: " + kViolation + "syntax error"}},
       {Op::version,
        std::string(kBrokerMessageMaxBytes + 1, ' '),
        {"refused: Message too large: 67108865 bytes, at most 67108864 accepted"}}};
@@ -240,16 +234,14 @@ TEST(KXBrokerMessageTest, AnswersAreReadInTheShapeOfTheirOperation) {
   for (std::size_t cut = 0; cut < whole.size() - 3; cut += 7) {
     EXPECT_EQ(outcome(Op::callVelmo, whole.substr(0, cut))[0].rfind("refused: ", 0), 0u) << cut;
   }
-  for (const Op op : {Op::pCallVelmo, Op::unregisterModuleReference, Op::exit}) {
-    EXPECT_EQ(errorText([op] { parseBrokerResponse(op, envelope("")); }),
-              std::string("\tKXBrokerMessage::parseBrokerResponse\n\t") + brokerOperationName(op) +
-                  " is one-way: it has no response");
-  }
+  EXPECT_EQ(errorText([] { parseBrokerResponse(Op::exit, envelope("")); }),
+            "\tKXBrokerMessage::parseBrokerResponse\n\texit is one-way: it has no response");
 }
 
-// The calls are written directly, in one pass: byte for byte what the generated serializers
-// write, whatever the text needs escaping.
-TEST(KXBrokerSoapTest, CallsWrittenDirectlyMatchTheGeneratedSerializers) {
+// A call is written directly, in one pass: byte for byte what the generated serializer writes,
+// whatever the text needs escaping. (Its answer is matched against the generated one by the
+// serving tests.)
+TEST(KXBrokerSoapTest, ACallWrittenDirectlyMatchesTheGeneratedSerializer) {
   const auto generated = [](const std::function<int(struct soap*)>& putBody) {
     std::ostringstream out;
     KXSoapContext context;
@@ -276,14 +268,6 @@ TEST(KXBrokerSoapTest, CallsWrittenDirectlyMatchTheGeneratedSerializers) {
               call.kxbroker__meth = soap_strdup(soap, "get&Data");
               call.kxbroker__p = kxValueToSoap(soap, param);
               return soap_put_kxbroker__callVelmo(soap, &call, "kxbroker:callVelmo2", "");
-            }));
-  direct.clear();
-  writeCallResponse(direct, false, param);
-  EXPECT_EQ(direct, generated([&](struct soap* soap) {
-              kxbroker__callVelmoResponse answer;
-              answer.kxbroker__return = kxValueToSoap(soap, param);
-              return soap_put_kxbroker__callVelmoResponse(soap, &answer,
-                                                          "kxbroker:callVelmoResponse", "");
             }));
   EXPECT_EQ(kxValueFromSoap(nullptr), KXValue());
   EXPECT_EQ(kxValueFromSoap("<item xsi:type=\"xsd:int\">3</item>"), KXValue(3));
