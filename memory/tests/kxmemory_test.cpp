@@ -299,15 +299,13 @@ TEST(MemoryDropTest, QueuedDeliveriesAreDroppedByUnsubscribingRemovingOrExiting)
   }
 }
 
-using StandardModulesTest = BrokerTest;
-TEST_F(StandardModulesTest, AddsWhatIsMissingAndKeepsWhatIsThere) {
-  auto memory = createModule<KXMemory>(broker_, "KXMemory");
+TEST_F(MemoryTest, StandardModulesAreAddedWhereMissingAndKeptWhereThere) {
   addStandardModules(broker_);
   const auto resources = broker_->getModuleCore("KXResourceManager");
   EXPECT_NE(std::dynamic_pointer_cast<KXResourceManager>(resources), nullptr);
   addStandardModules(broker_);
   EXPECT_EQ(broker_->getModuleCore("KXResourceManager"), resources);
-  EXPECT_EQ(broker_->getModuleCore("KXMemory"), memory);
+  EXPECT_EQ(broker_->getModuleCore("KXMemory"), module_);
 }
 
 }  // namespace
