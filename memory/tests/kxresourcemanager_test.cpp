@@ -61,6 +61,7 @@ TEST_F(ResourceManagerTest, RefusalsNameTheResourceAndTheCause) {
           {"createResourcesList", arrayOf(Strings{"New"}, "Tail"),
            "Cannot create resources: " + noParent},
           {"createResource", arrayOf("", ""), empty},
+          {"createResourcesList", arrayOf(Strings{"New", ""}, ""), empty},
           {"deleteResource", arrayOf("Legs", false),
            "Cannot delete resource \"Legs\": it has children (ask to delete them too)."},
           {"releaseResources", arrayOf(Strings{"Head", "Legs"}, "Talker"), other},
