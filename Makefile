@@ -43,7 +43,7 @@ coverage:
 	$(MAKE) --no-print-directory build BUILD=$(COVERAGE_BUILD) \
 	  CMAKE_ARGS="-DCMAKE_BUILD_TYPE=Debug -DVELMO_COVERAGE=ON -DVELMO_BUILD_BENCH=OFF"
 	find $(COVERAGE_BUILD) -name '*.gcda' -delete
-	-$(MAKE) --no-print-directory test-cpp test-python BUILD=$(COVERAGE_BUILD)
+	$(MAKE) --no-print-directory test-cpp test-python BUILD=$(COVERAGE_BUILD)
 	$(PYTHON) tools/coverage-summary.py $(COVERAGE_BUILD)
 
 format:
