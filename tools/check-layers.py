@@ -42,12 +42,12 @@ def direct_links(root):
 def closure(links):
     reach = {}
     for name in SUBSYSTEMS:
-        seen, todo = set(), list(links.get(name, ()))
-        while todo:
-            other = todo.pop()
+        seen, pending = set(), list(links.get(name, ()))
+        while pending:
+            other = pending.pop()
             if other not in seen:
                 seen.add(other)
-                todo.extend(links.get(other, ()))
+                pending.extend(links.get(other, ()))
         reach[name] = seen
     return reach
 

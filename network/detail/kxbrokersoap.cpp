@@ -33,37 +33,44 @@ constexpr char kEnvelopeStart[] =
     "SOAP-ENV:encodingStyle=\"http://schemas.xmlsoap.org/soap/encoding/\">";
 constexpr char kEnvelopeEnd[] = "</SOAP-ENV:Body></SOAP-ENV:Envelope>\r\n";
 
-}  // namespace
-
-void writeCallRequest(std::string& out, bool callVelmo2, const std::string& module,
-                      const std::string& method, const KXValue& param) {
-  const char* element = callVelmo2 ? "kxbroker:callVelmo2" : "kxbroker:callVelmo";
+// `out` becomes the envelope up to the opening tag of the body's `element`.
+void openBody(std::string& out, const char* element) {
   out.assign(kEnvelopeStart);
   out += '<';
   out += element;
-  out += "><kxbroker:mod>";
-  appendXmlEscaped(out, module, kEscapeControls);
-  out += "</kxbroker:mod><kxbroker:meth>";
-  appendXmlEscaped(out, method, kEscapeControls);
-  out += "</kxbroker:meth><kxbroker:p xsi:type=\"xsd:anyType\">";
-  writeKXValue(param, out, false);
-  out += "</kxbroker:p></";
+  out += '>';
+}
+
+void closeBody(std::string& out, const char* element) {
+  out += "</";
   out += element;
   out += '>';
   out += kEnvelopeEnd;
 }
 
+}  // namespace
+
+void writeCallRequest(std::string& out, bool callVelmo2, const std::string& module,
+                      const std::string& method, const KXValue& param) {
+  const char* element = callVelmo2 ? "kxbroker:callVelmo2" : "kxbroker:callVelmo";
+  openBody(out, element);
+  out += "<kxbroker:mod>";
+  appendXmlEscaped(out, module, kEscapeControls);
+  out += "</kxbroker:mod><kxbroker:meth>";
+  appendXmlEscaped(out, method, kEscapeControls);
+  out += "</kxbroker:meth><kxbroker:p xsi:type=\"xsd:anyType\">";
+  writeKXValue(param, out, false);
+  out += "</kxbroker:p>";
+  closeBody(out, element);
+}
+
 void writeCallResponse(std::string& out, bool callVelmo2, const KXValue& result) {
   const char* element = callVelmo2 ? "kxbroker:callVelmo2Response" : "kxbroker:callVelmoResponse";
-  out.assign(kEnvelopeStart);
-  out += '<';
-  out += element;
-  out += "><kxbroker:return xsi:type=\"xsd:anyType\">";
+  openBody(out, element);
+  out += "<kxbroker:return xsi:type=\"xsd:anyType\">";
   writeKXValue(result, out, false);
-  out += "</kxbroker:return></";
-  out += element;
-  out += '>';
-  out += kEnvelopeEnd;
+  out += "</kxbroker:return>";
+  closeBody(out, element);
 }
 
 void kxModuleInfoToSoap(struct soap* soap, const KXModuleInfo& info, kx__KXModuleInfo& record) {
