@@ -1,6 +1,8 @@
 #include "network/detail/kxbrokerdispatch.h"
 
+#include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -17,40 +19,6 @@ namespace {
 
 // What the version operation reports: the framework's version, as modules do.
 constexpr char kBrokerVersion[] = "1.14";
-
-std::string& textArg(BrokerRequest& request, std::size_t index) {
-  return std::get<std::string>(request.args.at(index));
-}
-
-int intArg(const BrokerRequest& request, std::size_t index) {
-  return std::get<int>(request.args.at(index));
-}
-
-bool boolArg(const BrokerRequest& request, std::size_t index) {
-  return std::get<bool>(request.args.at(index));
-}
-
-BrokerResponse faultAnswer(const std::string& message) {
-  BrokerResponse response;
-  response.fault = BrokerFault{"SOAP-ENV:Client", message, std::string()};
-  return response;
-}
-
-template <typename T>
-BrokerResponse answer(T item) {
-  BrokerResponse response;
-  response.items.emplace_back(std::move(item));
-  return response;
-}
-
-template <typename T>
-BrokerResponse listAnswer(const std::vector<T>& items) {
-  BrokerResponse response;
-  for (const T& item : items) {
-    response.items.emplace_back(item);
-  }
-  return response;
-}
 
 // Runs the method on the module itself, so that its own error travels back unchanged;
 // the broker's method call raises the described errors for a missing module or method.
@@ -88,130 +56,162 @@ KXValue debugTaskList(KXBroker& broker) {
 
 // Operations whose failure is answered with a fixed message.
 template <typename Operation>
-BrokerResponse orFault(const char* message, Operation&& operation) {
+auto orFault(const std::string& message, Operation&& operation) {
   try {
     return operation();
   } catch (const KXError&) {
-    return faultAnswer(message);
+    KX_THROW("KXNetwork", "carryOutBrokerRequest", message);
   }
 }
 
-BrokerResponse carryOut(KXBroker& broker, BrokerRequest& request, const BrokerPeer& peer) {
-  switch (request.op) {
-    case BrokerOperation::callVelmo:
-      return answer(callModule(broker, textArg(request, 0), textArg(request, 1),
-                               std::get<KXValue>(request.args.at(2))));
-    case BrokerOperation::callVelmo2:
-    case BrokerOperation::pCallVelmo:
-      return answer(KXValue(broker.post(textArg(request, 0), textArg(request, 1),
-                                        std::get<KXValue>(request.args.at(2)))));
-    case BrokerOperation::pCallVelmoN:
-      return BrokerResponse();
-    case BrokerOperation::getModuleByName:
-      return orFault("unable to get module by name", [&] {
+// One handler per operation, answering with the operation's Answer.
+using namespace protocol;
+
+KXValue carryOut(KXBroker& broker, const CallVelmo& call, const BrokerPeer&) {
+  return callModule(broker, call.mod, call.meth, call.p);
+}
+
+KXValue carryOut(KXBroker& broker, const CallVelmo2& call, const BrokerPeer&) {
+  return KXValue(broker.post(call.mod, call.meth, call.p));
+}
+
+NoAnswer carryOut(KXBroker& broker, const PCallVelmo& call, const BrokerPeer&) {
+  broker.post(call.mod, call.meth, call.p);
+  return NoAnswer();
+}
+
+KXValue carryOut(KXBroker&, const PCallVelmoN&, const BrokerPeer&) { return KXValue(); }
+
+KXModuleInfo carryOut(KXBroker& broker, const GetModuleByName& request, const BrokerPeer&) {
+  return orFault("unable to get module by name", [&] {
+    KXModuleInfo info;
+    if (broker.getModuleByName(request.pModuleName, false, info) != 0) {
+      KX_THROW("KXNetwork", "getModuleByName", "not found");
+    }
+    return info;
+  });
+}
+
+KXModuleInfo carryOut(KXBroker& broker, const ExploreToGetModuleByName& request,
+                      const BrokerPeer&) {
+  return orFault(
+      "unable to explore to get a module by name for: '" + request.pModuleName + "'", [&] {
         KXModuleInfo info;
-        if (broker.getModuleByName(textArg(request, 0), false, info) != 0) {
-          KX_THROW("KXNetwork", "getModuleByName", "not found");
+        if (broker.exploreToGetModuleByName(request.pModuleName, request.pSearchUp,
+                                            request.pSearchDown, request.pDontLookIntoBrokerName,
+                                            request.pLoadLib, info) != 0) {
+          KX_THROW("KXNetwork", "exploreToGetModuleByName", "not found");
         }
-        return answer(info);
+        return info;
       });
-    case BrokerOperation::exploreToGetModuleByName: {
-      const std::string& name = textArg(request, 0);
-      return orFault(("unable to explore to get a module by name for: '" + name + "'").c_str(),
-                     [&] {
-                       KXModuleInfo info;
-                       if (broker.exploreToGetModuleByName(name, boolArg(request, 1),
-                                                           boolArg(request, 2), textArg(request, 3),
-                                                           boolArg(request, 4), info) != 0) {
-                         KX_THROW("KXNetwork", "exploreToGetModuleByName", "not found");
-                       }
-                       return answer(info);
-                     });
+}
+
+std::vector<KXModuleInfo> carryOut(KXBroker& broker, const GetModuleList&, const BrokerPeer&) {
+  return orFault("unable to get module list", [&] {
+    const KXBrokerInfo self = broker.getBrokerInfo();
+    std::vector<KXModuleInfo> modules;
+    for (const auto& module : broker.getModules()) {
+      modules.push_back(describeModuleOf(self, module->getName()));
     }
-    case BrokerOperation::getModuleList:
-      return orFault("unable to get module list", [&] {
-        const KXBrokerInfo self = broker.getBrokerInfo();
-        std::vector<KXModuleInfo> modules;
-        for (const auto& module : broker.getModules()) {
-          modules.push_back(describeModuleOf(self, module->getName()));
-        }
-        return listAnswer(modules);
-      });
-    case BrokerOperation::getGlobalModuleList:
-      return orFault("unable to get global module list",
-                     [&] { return listAnswer(broker.getGlobalModuleList()); });
-    case BrokerOperation::getBrokerList:
-      return orFault("unable to get Broker list",
-                     [&] { return listAnswer(broker.getBrokerList()); });
-    case BrokerOperation::registerBroker:
-      return orFault("unable to register broker child", [&] {
-        broker.registerBroker(std::get<KXModuleInfo>(request.args.at(0)));
-        return answer(0);
-      });
-    case BrokerOperation::unregisterBroker:
-      return orFault("unable to unregister broker child", [&] {
-        broker.unregisterBroker(std::get<KXModuleInfo>(request.args.at(0)).name);
-        return answer(0);
-      });
-    case BrokerOperation::unregisterModuleReference:
-      broker.unregisterModuleReference(textArg(request, 0));
-      return BrokerResponse();
-    case BrokerOperation::getBrokerInfo:
-      return answer(broker.getBrokerInfo());
-    case BrokerOperation::exit:
-      KXBrokerManager::getInstance()->removeBroker(broker.shared_from_this());
-      return BrokerResponse();
-    case BrokerOperation::getMethodList:
-      return orFault("unable to get methods list", [&] {
-        std::shared_ptr<KXModuleCore> module = broker.getModuleCore(textArg(request, 0));
-        if (!module) {
-          KX_THROW("KXNetwork", "getMethodList", "no such module");
-        }
-        return listAnswer(module->getMethodList());
-      });
-    case BrokerOperation::init:
-      return orFault("unable to init broker", [&] {
-        broker.init(textArg(request, 0), textArg(request, 1), intArg(request, 2),
-                    textArg(request, 3), intArg(request, 4),
-                    boolArg(request, 5) ? KXBroker::kKeepAlive : 0);
-        return answer(0);
-      });
-    case BrokerOperation::version:
-      return answer(std::string(kBrokerVersion));
-    case BrokerOperation::sendBackIP:
-      if (peer.ip.empty()) {
-        return faultAnswer("Unable to send Back IP");
-      }
-      return answer(peer.ip);
-    case BrokerOperation::getBrokerName:
-      return answer(broker.getName());
-    case BrokerOperation::getInfo:
-      return orFault("unable to get info from module", [&] {
-        const std::string& name = textArg(request, 0);
-        if (!broker.getModuleCore(name)) {
-          KX_THROW("KXNetwork", "getInfo", "no such module");
-        }
-        return answer(describeModuleOf(broker.getBrokerInfo(), name));
-      });
-    case BrokerOperation::stopTask: {
-      std::shared_ptr<KXTaskMonitor> monitor = broker.getTaskMonitor();
-      int num = -1;
-      if (monitor) {
-        try {
-          monitor->stop(intArg(request, 0));
-          num = 0;
-        } catch (const KXError&) {
-          // No such task: nothing to stop.
-        }
-      }
-      return answer(num);
+    return modules;
+  });
+}
+
+std::vector<KXModuleInfo> carryOut(KXBroker& broker, const GetGlobalModuleList&,
+                                   const BrokerPeer&) {
+  return orFault("unable to get global module list", [&] { return broker.getGlobalModuleList(); });
+}
+
+std::vector<KXModuleInfo> carryOut(KXBroker& broker, const GetBrokerList&, const BrokerPeer&) {
+  return orFault("unable to get Broker list", [&] { return broker.getBrokerList(); });
+}
+
+int carryOut(KXBroker& broker, const RegisterBroker& request, const BrokerPeer&) {
+  return orFault("unable to register broker child", [&] {
+    broker.registerBroker(request.pBrokerToRegister);
+    return 0;
+  });
+}
+
+int carryOut(KXBroker& broker, const UnregisterBroker& request, const BrokerPeer&) {
+  return orFault("unable to unregister broker child", [&] {
+    broker.unregisterBroker(request.pBrokerToUnregister.name);
+    return 0;
+  });
+}
+
+NoAnswer carryOut(KXBroker& broker, const UnregisterModuleReference& request, const BrokerPeer&) {
+  broker.unregisterModuleReference(request.moduleName);
+  return NoAnswer();
+}
+
+KXModuleInfo carryOut(KXBroker& broker, const GetBrokerInfo&, const BrokerPeer&) {
+  return broker.getBrokerInfo();
+}
+
+NoAnswer carryOut(KXBroker& broker, const Exit&, const BrokerPeer&) {
+  KXBrokerManager::getInstance()->removeBroker(broker.shared_from_this());
+  return NoAnswer();
+}
+
+std::vector<std::string> carryOut(KXBroker& broker, const GetMethodList& request,
+                                  const BrokerPeer&) {
+  return orFault("unable to get methods list", [&] {
+    std::shared_ptr<KXModuleCore> module = broker.getModuleCore(request.pModuleName);
+    if (!module) {
+      KX_THROW("KXNetwork", "getMethodList", "no such module");
     }
-    case BrokerOperation::stopTaskName:
-      return answer(0);
-    case BrokerOperation::getDebugTaskList:
-      return answer(debugTaskList(broker));
+    return module->getMethodList();
+  });
+}
+
+std::optional<int> carryOut(KXBroker& broker, const Init& request, const BrokerPeer&) {
+  return orFault("unable to init broker", [&] {
+    broker.init(request.pName, request.pIP, request.pPort, request.pParentIP, request.pParentPort,
+                request.pKeepAlive ? KXBroker::kKeepAlive : 0);
+    return std::optional<int>(0);
+  });
+}
+
+std::string carryOut(KXBroker&, const Version&, const BrokerPeer&) { return kBrokerVersion; }
+
+std::string carryOut(KXBroker&, const SendBackIP&, const BrokerPeer& peer) {
+  if (peer.ip.empty()) {
+    KX_THROW("KXNetwork", "sendBackIP", "Unable to send Back IP");
   }
-  return BrokerResponse();
+  return peer.ip;
+}
+
+std::string carryOut(KXBroker& broker, const GetBrokerName&, const BrokerPeer&) {
+  return broker.getName();
+}
+
+KXModuleInfo carryOut(KXBroker& broker, const GetInfo& request, const BrokerPeer&) {
+  return orFault("unable to get info from module", [&] {
+    if (!broker.getModuleCore(request.pModuleName)) {
+      KX_THROW("KXNetwork", "getInfo", "no such module");
+    }
+    return describeModuleOf(broker.getBrokerInfo(), request.pModuleName);
+  });
+}
+
+int carryOut(KXBroker& broker, const StopTask& request, const BrokerPeer&) {
+  std::shared_ptr<KXTaskMonitor> monitor = broker.getTaskMonitor();
+  if (!monitor) {
+    return -1;
+  }
+  try {
+    monitor->stop(request.pTaskId);
+    return 0;
+  } catch (const KXError&) {
+    return -1;  // no such task: nothing to stop
+  }
+}
+
+int carryOut(KXBroker&, const StopTaskName&, const BrokerPeer&) { return 0; }
+
+KXValue carryOut(KXBroker& broker, const GetDebugTaskList&, const BrokerPeer&) {
+  return debugTaskList(broker);
 }
 
 }  // namespace
@@ -232,12 +232,20 @@ std::shared_ptr<KXBroker> brokerForEndpoint(const std::string& endpoint) {
   }
 }
 
-BrokerResponse carryOutBrokerRequest(BrokerRequest& request, const BrokerPeer& peer) {
+BrokerAnswer carryOutBrokerRequest(BrokerRequest& request, const BrokerPeer& peer) {
   std::shared_ptr<KXBroker> broker = brokerForEndpoint(peer.endpoint);
-  if (!broker) {
-    return BrokerResponse();
-  }
-  return carryOut(*broker, request, peer);
+  return std::visit(
+      [&](const auto& op) -> BrokerAnswer {
+        using Op = std::decay_t<decltype(op)>;
+        using Answer = typename Op::Answer;
+        // Every operation has its handler, answering with exactly its Answer.
+        static_assert(std::is_same_v<decltype(carryOut(*broker, op, peer)), Answer>);
+        if (!broker) {
+          return Answer();
+        }
+        return carryOut(*broker, op, peer);
+      },
+      request);
 }
 
 }  // namespace KX

@@ -7,6 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <type_traits>
+#include <variant>
+#include <vector>
 
 #include "network/detail/kxvaluesoap.h"
 
@@ -19,66 +22,6 @@ constexpr const char* kModule = "KXBrokerMessage";
 constexpr const char* kEnvelopeNamespace = "http://schemas.xmlsoap.org/soap/envelope/";
 constexpr const char* kBrokerNamespace = "urn:kxbroker";
 constexpr const char* kRecordNamespace = "urn:korvane";
-
-// How the answer to an operation is laid out.
-enum class ResponseShape {
-  None,       // one-way
-  Single,     // one child
-  Optional,   // one child that may be nil or absent
-  Repeated,   // the same child once per item
-  Unwrapped,  // the record itself is the body element
-};
-
-struct OperationTable {
-  const char* name;
-  std::vector<BrokerArgType> request;
-  ResponseShape shape;
-  BrokerArgType responseType;
-};
-
-using T = BrokerArgType;
-using S = ResponseShape;
-
-const std::array<OperationTable, kBrokerOperationCount>& operations() {
-  static const std::array<OperationTable, kBrokerOperationCount> table = {{
-      {"callVelmo", {T::String, T::String, T::Value}, S::Single, T::Value},
-      {"callVelmo2", {T::String, T::String, T::Value}, S::Single, T::Value},
-      {"pCallVelmoN",
-       {T::String, T::Int, T::String, T::String, T::String, T::String, T::Value},
-       S::Single,
-       T::Value},
-      {"pCallVelmo", {T::String, T::String, T::Value}, S::None, T::Value},
-      {"getModuleByName", {T::String}, S::Single, T::Record},
-      {"exploreToGetModuleByName",
-       {T::String, T::Bool, T::Bool, T::String, T::Bool},
-       S::Single,
-       T::Record},
-      {"getModuleList", {}, S::Repeated, T::Record},
-      {"getGlobalModuleList", {}, S::Repeated, T::Record},
-      {"getBrokerList", {}, S::Repeated, T::Record},
-      {"registerBroker", {T::Record}, S::Single, T::Int},
-      {"unregisterBroker", {T::Record}, S::Single, T::Int},
-      {"unregisterModuleReference", {T::String}, S::None, T::Int},
-      {"getBrokerInfo", {}, S::Single, T::Record},
-      {"exit", {}, S::None, T::Int},
-      {"getMethodList", {T::String}, S::Repeated, T::String},
-      {"init", {T::String, T::String, T::Int, T::String, T::Int, T::Bool}, S::Optional, T::Int},
-      {"version", {}, S::Single, T::String},
-      {"sendBackIP", {}, S::Single, T::String},
-      {"getBrokerName", {}, S::Single, T::String},
-      {"getInfo", {T::String}, S::Unwrapped, T::Record},
-      {"stopTask", {T::Int}, S::Single, T::Int},
-      {"stopTaskName", {T::String}, S::Single, T::Int},
-      {"getDebugTaskList", {}, S::Single, T::Value},
-  }};
-  return table;
-}
-
-const OperationTable& tableOf(BrokerOperation op) {
-  const int index = static_cast<int>(op);
-  KX_ASSERT(kModule, index >= 0 && index < kBrokerOperationCount);
-  return operations()[static_cast<size_t>(index)];
-}
 
 [[noreturn]] void fail(const char* method, const std::string& faultString) {
   throw KXBrokerMessageError(method, faultString, __FILE__, __LINE__);
@@ -187,7 +130,7 @@ void checkType(const char* method, const XMLElement& element,
        std::string("Validation constraint violation: type mismatch ") + type + inElement(element));
 }
 
-int readInt(const char* method, const XMLElement& element) {
+void readChild(const char* method, const XMLElement& element, int& out) {
   checkType(method, element, {"int", "short", "byte"}, "xsd:int");
   const std::string text = trimmedText(element);
   if (text.empty()) failEmpty(method, element);
@@ -203,15 +146,17 @@ int readInt(const char* method, const XMLElement& element) {
       number > std::numeric_limits<int>::max()) {
     failInvalid(method, element);
   }
-  return static_cast<int>(number);
+  out = static_cast<int>(number);
 }
 
-bool readBool(const char* method, const XMLElement& element) {
+void readChild(const char* method, const XMLElement& element, bool& out) {
   checkType(method, element, {"boolean"}, "xsd:bool");
   const std::string text = trimmedText(element);
   if (text.empty()) failEmpty(method, element);
-  if (text == "true" || text == "1") return true;
-  if (text == "false" || text == "0") return false;
+  if (text == "true" || text == "1" || text == "false" || text == "0") {
+    out = text == "true" || text == "1";
+    return;
+  }
   failInvalid(method, element);
 }
 
@@ -221,22 +166,25 @@ std::string readString(const XMLElement& element) {
   return text != nullptr ? std::string(text) : std::string();
 }
 
+void readChild(const char* /*method*/, const XMLElement& element, std::string& out) {
+  out = readString(element);
+}
+
 // The value is the element's first child element (an `item`); none gives Invalid.
-KXValue readValue(const char* method, const XMLElement& element) {
-  KXValue value;
+void readChild(const char* method, const XMLElement& element, KXValue& out) {
+  out = KXValue();
   const XMLElement* item = element.FirstChildElement();
-  if (item == nullptr || isNil(element)) return value;
+  if (item == nullptr || isNil(element)) return;
   try {
-    readKXValue(*item, value, 0);
+    readKXValue(*item, out, 0);
   } catch (const KXError&) {
     failInvalid(method, element);
   }
-  return value;
 }
 
 // Fields by name, in any order, each taken once; unknown ones and modulePointer skipped.
-KXModuleInfo readRecord(const char* method, const XMLElement& element) {
-  KXModuleInfo record;
+void readChild(const char* method, const XMLElement& element, KXModuleInfo& record) {
+  record = KXModuleInfo();
   enum Field {
     kName,
     kArchitecture,
@@ -265,44 +213,27 @@ KXModuleInfo readRecord(const char* method, const XMLElement& element) {
         record.name = readString(*child);
         break;
       case kArchitecture:
-        record.architecture = readInt(method, *child);
+        readChild(method, *child, record.architecture);
         break;
       case kIp:
         record.ip = readString(*child);
         break;
       case kPort:
-        record.port = readInt(method, *child);
+        readChild(method, *child, record.port);
         break;
       case kProcessId:
-        record.processId = readInt(method, *child);
+        readChild(method, *child, record.processId);
         break;
       case kIsABroker:
-        record.isABroker = readBool(method, *child);
+        readChild(method, *child, record.isABroker);
         break;
       case kKeepAlive:
-        record.keepAlive = readBool(method, *child);
+        readChild(method, *child, record.keepAlive);
         break;
       default:  // modulePointer: meaningless outside the process that wrote it
         break;
     }
   }
-  return record;
-}
-
-BrokerArg readArg(const char* method, const XMLElement& element, BrokerArgType type) {
-  switch (type) {
-    case BrokerArgType::String:
-      return BrokerArg(std::in_place_type<std::string>, readString(element));
-    case BrokerArgType::Int:
-      return BrokerArg(std::in_place_type<int>, readInt(method, element));
-    case BrokerArgType::Bool:
-      return BrokerArg(std::in_place_type<bool>, readBool(method, element));
-    case BrokerArgType::Value:
-      return BrokerArg(std::in_place_type<KXValue>, readValue(method, element));
-    case BrokerArgType::Record:
-      return BrokerArg(std::in_place_type<KXModuleInfo>, readRecord(method, element));
-  }
-  throwAssertFailed(kModule, __FILE__, __LINE__);
 }
 
 // ---------------------------------------------------------------- envelope
@@ -345,6 +276,74 @@ std::string childText(const XMLElement& parent, const char* local) {
   return std::string();
 }
 
+[[noreturn]] void failMissingChild(const char* method, const XMLElement& element) {
+  fail(method,
+       "Validation constraint violation: occurrence constraint violation" + inElement(element));
+}
+
+// ---------------------------------------------------------------- requests
+
+constexpr const char* kRequestMethod = "parseBrokerRequest";
+
+// The request of the operation named `local` (its children read in order), compared with
+// the operations from the I-th on; refused when none is named so.
+template <std::size_t I = 0>
+BrokerRequest readRequest(const char* local, const XMLElement& element) {
+  if constexpr (I == std::variant_size_v<BrokerRequest>) {
+    fail(kRequestMethod, std::string("Method '") + element.Name() +
+                             "' not implemented: method name or namespace not recognized");
+  } else {
+    using Op = std::variant_alternative_t<I, BrokerRequest>;
+    if (local == nullptr || std::strcmp(Op::kName, local) != 0) {
+      return readRequest<I + 1>(local, element);
+    }
+    BrokerRequest request(std::in_place_index<I>);
+    const XMLElement* child = element.FirstChildElement();
+    Op::children(std::get<I>(request), [&](const char* /*name*/, auto& field) {
+      if (child == nullptr) failMissingChild(kRequestMethod, element);
+      readChild(kRequestMethod, *child, field);
+      child = child->NextSiblingElement();
+    });
+    return request;
+  }
+}
+
+// ---------------------------------------------------------------- answers
+
+constexpr const char* kResponseMethod = "parseBrokerResponse";
+
+// One child, required.
+template <typename T>
+void readAnswerChildren(const XMLElement& element, T& answer) {
+  const XMLElement* child = element.FirstChildElement();
+  if (child == nullptr) failMissingChild(kResponseMethod, element);
+  readChild(kResponseMethod, *child, answer);
+}
+
+// One child that may be nil or absent.
+void readAnswerChildren(const XMLElement& element, std::optional<int>& answer) {
+  const XMLElement* child = element.FirstChildElement();
+  answer.reset();
+  if (child != nullptr && !isNil(*child)) {
+    readChild(kResponseMethod, *child, answer.emplace());
+  }
+}
+
+// The same child once per item.
+template <typename T>
+void readAnswerChildren(const XMLElement& element, std::vector<T>& answer) {
+  answer.clear();
+  for (const XMLElement* child = element.FirstChildElement(); child != nullptr;
+       child = child->NextSiblingElement()) {
+    readChild(kResponseMethod, *child, answer.emplace_back());
+  }
+}
+
+[[noreturn]] void failTag(const XMLElement& element) {
+  fail(kResponseMethod,
+       "Validation constraint violation: tag name or namespace mismatch" + inElement(element));
+}
+
 }  // namespace
 
 KXBrokerMessageError::KXBrokerMessageError(const std::string& method,
@@ -354,117 +353,58 @@ KXBrokerMessageError::KXBrokerMessageError(const std::string& method,
 
 KXBrokerMessageError::~KXBrokerMessageError() = default;
 
-const char* brokerOperationName(BrokerOperation op) { return tableOf(op).name; }
-
-bool brokerOperationIsOneWay(BrokerOperation op) { return tableOf(op).shape == S::None; }
-
-const std::vector<BrokerArgType>& brokerRequestTypes(BrokerOperation op) {
-  return tableOf(op).request;
-}
-
 BrokerRequest parseBrokerRequest(const char* data, std::size_t size) {
-  static constexpr const char* kMethod = "parseBrokerRequest";
   tinyxml2::XMLDocument document;
-  const XMLElement* element = bodyElement(kMethod, document, data, size);
+  const XMLElement* element = bodyElement(kRequestMethod, document, data, size);
   if (element == nullptr) {
-    fail(kMethod, "Method '' not implemented: method name or namespace not recognized");
+    fail(kRequestMethod, "Method '' not implemented: method name or namespace not recognized");
   }
-
-  BrokerRequest request;
-  int index = 0;
   const char* bound = namespaceOf(*element, element->Name());
-  if (bound != nullptr && std::strcmp(bound, kBrokerNamespace) == 0) {
-    const char* local = localName(element->Name());
-    while (index < kBrokerOperationCount &&
-           std::strcmp(operations()[static_cast<size_t>(index)].name, local) != 0) {
-      ++index;
-    }
-  } else {
-    index = kBrokerOperationCount;
-  }
-  if (index == kBrokerOperationCount) {
-    fail(kMethod, std::string("Method '") + element->Name() +
-                      "' not implemented: method name or namespace not recognized");
-  }
-  request.op = static_cast<BrokerOperation>(index);
-
-  const std::vector<BrokerArgType>& types = tableOf(request.op).request;
-  request.args.reserve(types.size());
-  const XMLElement* child = element->FirstChildElement();
-  for (const BrokerArgType type : types) {
-    if (child == nullptr) {
-      fail(kMethod, "Validation constraint violation: occurrence constraint violation" +
-                        inElement(*element));
-    }
-    request.args.push_back(readArg(kMethod, *child, type));
-    child = child->NextSiblingElement();
-  }
-  return request;
+  const bool ours = bound != nullptr && std::strcmp(bound, kBrokerNamespace) == 0;
+  return readRequest(ours ? localName(element->Name()) : nullptr, *element);
 }
 
 BrokerRequest parseBrokerRequest(const std::string& xml) {
   return parseBrokerRequest(xml.data(), xml.size());
 }
 
-BrokerResponse parseBrokerResponse(BrokerOperation op, const char* data, std::size_t size) {
-  static constexpr const char* kMethod = "parseBrokerResponse";
-  const OperationTable& table = tableOf(op);
-  if (table.shape == S::None) {
-    KX_THROW(kModule, kMethod, std::string(table.name) + " is one-way: it has no response");
-  }
-
+template <typename Answer>
+std::optional<BrokerFault> readBrokerAnswer(const char* op,
+                                            [[maybe_unused]] const char* answerChild,
+                                            const char* data, std::size_t size, Answer& answer) {
   tinyxml2::XMLDocument document;
-  const XMLElement* element = bodyElement(kMethod, document, data, size);
-  BrokerResponse response;
-  response.op = op;
+  const XMLElement* element = bodyElement(kResponseMethod, document, data, size);
   if (element == nullptr) {
-    fail(kMethod, "Validation constraint violation: tag name or namespace mismatch");
+    fail(kResponseMethod, "Validation constraint violation: tag name or namespace mismatch");
   }
   if (isNamed(*element, kEnvelopeNamespace, "Fault")) {
-    response.fault = BrokerFault{childText(*element, "faultcode"),
-                                 childText(*element, "faultstring"), childText(*element, "detail")};
-    return response;
+    return BrokerFault{childText(*element, "faultcode"), childText(*element, "faultstring"),
+                       childText(*element, "detail")};
   }
-
-  if (table.shape == S::Unwrapped) {
-    if (!isNamed(*element, kRecordNamespace, "KXModuleInfo")) {
-      fail(kMethod,
-           "Validation constraint violation: tag name or namespace mismatch" + inElement(*element));
+  if constexpr (std::is_same_v<Answer, KXModuleInfo>) {
+    if (answerChild == nullptr) {
+      if (!isNamed(*element, kRecordNamespace, "KXModuleInfo")) failTag(*element);
+      readChild(kResponseMethod, *element, answer);
+      return std::nullopt;
     }
-    response.items.push_back(readArg(kMethod, *element, table.responseType));
-    return response;
   }
-
-  const std::string expected = std::string(table.name) + "Response";
-  if (!isNamed(*element, kBrokerNamespace, expected.c_str())) {
-    fail(kMethod,
-         "Validation constraint violation: tag name or namespace mismatch" + inElement(*element));
-  }
-  const XMLElement* child = element->FirstChildElement();
-  switch (table.shape) {
-    case S::Repeated:
-      for (; child != nullptr; child = child->NextSiblingElement()) {
-        response.items.push_back(readArg(kMethod, *child, table.responseType));
-      }
-      break;
-    case S::Optional:
-      if (child != nullptr && !isNil(*child)) {
-        response.items.push_back(readArg(kMethod, *child, table.responseType));
-      }
-      break;
-    default:
-      if (child == nullptr) {
-        fail(kMethod, "Validation constraint violation: occurrence constraint violation" +
-                          inElement(*element));
-      }
-      response.items.push_back(readArg(kMethod, *child, table.responseType));
-      break;
-  }
-  return response;
+  const std::string expected = std::string(op) + "Response";
+  if (!isNamed(*element, kBrokerNamespace, expected.c_str())) failTag(*element);
+  readAnswerChildren(*element, answer);
+  return std::nullopt;
 }
 
-BrokerResponse parseBrokerResponse(BrokerOperation op, const std::string& xml) {
-  return parseBrokerResponse(op, xml.data(), xml.size());
-}
+// Every answer type that an operation has.
+#define KX_READ_BROKER_ANSWER(Answer)                                                    \
+  template std::optional<BrokerFault> readBrokerAnswer<Answer>(const char*, const char*, \
+                                                               const char*, std::size_t, Answer&);
+KX_READ_BROKER_ANSWER(KXValue)
+KX_READ_BROKER_ANSWER(KXModuleInfo)
+KX_READ_BROKER_ANSWER(std::string)
+KX_READ_BROKER_ANSWER(int)
+KX_READ_BROKER_ANSWER(std::optional<int>)
+KX_READ_BROKER_ANSWER(std::vector<KXModuleInfo>)
+KX_READ_BROKER_ANSWER(std::vector<std::string>)
+#undef KX_READ_BROKER_ANSWER
 
 }  // namespace KX

@@ -1,11 +1,10 @@
 #ifndef VELMO_NETWORK_DETAIL_KXBROKERMESSAGE_H_
 #define VELMO_NETWORK_DETAIL_KXBROKERMESSAGE_H_
 
-// Reading broker protocol messages the way peers expect them to be read: the children of a
-// request (and of a response) are taken by position and type, whatever their names; the
-// fields of a kx:KXModuleInfo record by name, in any order. The generated gSOAP
-// deserializers match children by name, so requests and responses are read here, over a
-// TinyXML-2 tree of the SOAP envelope.
+// Reading broker protocol messages (kxbrokerprotocol.h) the way peers expect them to be
+// read: the children of a request (and of a response) are taken by position and type,
+// whatever their names; the fields of a kx:KXModuleInfo record by name, in any order. Read
+// over a TinyXML-2 tree of the SOAP envelope.
 //
 // Failures raise KXBrokerMessageError, whose faultString() is the text that the SOAP fault
 // answering the message carries, worded as the SOAP runtime words its own faults:
@@ -39,77 +38,11 @@
 #include <cstddef>
 #include <optional>
 #include <string>
-#include <variant>
-#include <vector>
 
-#include "module/kxmoduleinfo.h"
+#include "network/detail/kxbrokerprotocol.h"
 #include "value/kxerror.h"
-#include "value/kxvalue.h"
 
 namespace KX {
-
-// The operations, in the order in which a request's body element is compared with them.
-enum class BrokerOperation {
-  callVelmo,
-  callVelmo2,
-  pCallVelmoN,
-  pCallVelmo,
-  getModuleByName,
-  exploreToGetModuleByName,
-  getModuleList,
-  getGlobalModuleList,
-  getBrokerList,
-  registerBroker,
-  unregisterBroker,
-  unregisterModuleReference,
-  getBrokerInfo,
-  exit,
-  getMethodList,
-  init,
-  version,
-  sendBackIP,
-  getBrokerName,
-  getInfo,
-  stopTask,
-  stopTaskName,
-  getDebugTaskList,
-};
-
-constexpr int kBrokerOperationCount = 23;
-
-// The element name of the request, without prefix ("callVelmo").
-const char* brokerOperationName(BrokerOperation op);
-
-// True for the operations answered by nothing (pCallVelmo, unregisterModuleReference, exit).
-bool brokerOperationIsOneWay(BrokerOperation op);
-
-// One child of a message. The alternatives are in the order of BrokerArgType.
-using BrokerArg = std::variant<std::string, int, bool, KXValue, KXModuleInfo>;
-
-enum class BrokerArgType { String, Int, Bool, Value, Record };
-
-// The types of a request's children, in order.
-const std::vector<BrokerArgType>& brokerRequestTypes(BrokerOperation op);
-
-struct BrokerRequest {
-  BrokerOperation op = BrokerOperation::callVelmo;
-  std::vector<BrokerArg> args;  // one per expected child, in order
-};
-
-struct BrokerFault {
-  std::string code;
-  std::string string;
-  std::string detail;  // the text of the detail element, empty without one
-};
-
-struct BrokerResponse {
-  BrokerOperation op = BrokerOperation::callVelmo;
-  std::optional<BrokerFault> fault;  // set when the answer is a SOAP fault; items empty then
-  // The children read: one for a single result (KXValue, record, string, int), one per
-  // element for the lists (none for an empty list), the record itself for getInfo, none for
-  // an init answer whose `unused` is nil or absent.
-  std::vector<BrokerArg> items;
-};
 
 // Largest message accepted (64 MiB): a bound on the memory a peer can make us spend on one
 // parse tree.
@@ -133,11 +66,28 @@ class KXBrokerMessageError : public KXError {
 BrokerRequest parseBrokerRequest(const char* data, std::size_t size);
 BrokerRequest parseBrokerRequest(const std::string& xml);
 
-// Parses the SOAP envelope answering a request for `op` (never a one-way operation, which
-// raises KXError "<op> is one-way: it has no response"). A fault is returned, not raised.
-// Raises KXBrokerMessageError for a malformed answer.
-BrokerResponse parseBrokerResponse(BrokerOperation op, const char* data, std::size_t size);
-BrokerResponse parseBrokerResponse(BrokerOperation op, const std::string& xml);
+// Reads the answer to the operation `op` (its kName) from the SOAP envelope answering it:
+// the fault when the answer is one, else nothing, `answer` then holding what was read.
+// `answerChild` null: the answer is the record itself (the body element kx:KXModuleInfo).
+// Raises KXBrokerMessageError for a malformed answer. Defined for every answer type but
+// NoAnswer.
+template <typename Answer>
+std::optional<BrokerFault> readBrokerAnswer(const char* op, const char* answerChild,
+                                            const char* data, std::size_t size, Answer& answer);
+
+// The answer to a request of `Op`, or the fault that replaced it; as readBrokerAnswer.
+template <typename Op>
+BrokerReply<typename Op::Answer> parseBrokerResponse(const char* data, std::size_t size) {
+  static_assert(!isOneWay<Op>(), "a one-way operation has no response");
+  BrokerReply<typename Op::Answer> reply;
+  reply.fault = readBrokerAnswer(Op::kName, Op::kAnswerChild, data, size, reply.answer);
+  return reply;
+}
+
+template <typename Op>
+BrokerReply<typename Op::Answer> parseBrokerResponse(const std::string& xml) {
+  return parseBrokerResponse<Op>(xml.data(), xml.size());
+}
 
 }  // namespace KX
 

@@ -3,8 +3,8 @@
 
 // Serving the broker protocol on one accepted connection with our own reading of requests:
 // the runtime does the HTTP framing, keep-alive and DIME; the request envelope is read by
-// parseBrokerRequest (children by position, whatever their names) and the answer is written
-// with the generated serializers, framed as gSOAP's own serving skeleton frames it.
+// parseBrokerRequest (children by position, whatever their names) and the answer written by
+// writeBrokerAnswer, framed as gSOAP's own serving skeleton frames it.
 
 #include <stdsoap2.h>
 
@@ -22,25 +22,15 @@ struct BrokerPeer {
   std::string ip;
 };
 
-// Carries out one request and returns its answer; `request` may be consumed. The answer's
-// `op` is ignored (the request's operation decides the response element). Its `items`
-// follow the shapes that parseBrokerResponse reads:
-//   - callVelmo, callVelmo2, pCallVelmoN, getDebugTaskList: one KXValue;
-//   - getModuleByName, exploreToGetModuleByName, getBrokerInfo, getInfo: one KXModuleInfo;
-//   - getModuleList, getGlobalModuleList, getBrokerList: one KXModuleInfo per module;
-//   - getMethodList: one string per method;
-//   - registerBroker, unregisterBroker, stopTask, stopTaskName: one int;
-//   - init: one int, or none for a nil `unused`;
-//   - version, sendBackIP, getBrokerName: one string.
-// A missing item is written as its default (empty text, 0, an empty record, a nil value).
-// A set `fault` answers with a Client fault carrying its string and detail (no detail
-// element when the detail is empty). One-way operations answer nothing, whatever is
-// returned. Raising KXError answers with a Client fault whose string is the error's
-// description, and whose detail is the module named by the request for callVelmo and
-// callVelmo2 (the caller tells a module's own error from a transport failure that way).
-// A handler may serve several connections at once, from several threads.
+// Carries out one request and returns its answer, which must be of the type of the
+// operation's Answer (another type is answered with a fault); `request` may be consumed.
+// Raising KXError answers with a Client fault whose string is the error's description, and
+// whose detail is the module named by the request for callVelmo and callVelmo2 (the caller
+// tells a module's own error from a transport failure that way); any other exception with
+// its what(). One-way operations answer nothing, whatever happens. A handler may serve
+// several connections at once, from several threads.
 using BrokerRequestHandler =
-    std::function<BrokerResponse(BrokerRequest& request, const BrokerPeer& peer)>;
+    std::function<BrokerAnswer(BrokerRequest& request, const BrokerPeer& peer)>;
 
 // Serves the requests arriving on the connection of `soap` (a copy of the server context
 // bound to an accepted socket), one after the other while the connection is kept alive,

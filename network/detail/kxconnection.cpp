@@ -3,36 +3,11 @@
 #include <sys/socket.h>
 
 #include <utility>
-#include <variant>
 
-#include "kxsoapH.h"
-#include "network/detail/kxbrokersoap.h"
-#include "network/detail/kxsoapio.h"
 #include "network/detail/kxvaluesoap.h"
 #include "value/kxerror.h"
 
 namespace KX {
-
-namespace {
-
-// soapcpp2 takes strings as char*; its serializers only read them.
-char* text(const BrokerRequest& request, std::size_t index) {
-  return const_cast<char*>(std::get<std::string>(request.args.at(index)).c_str());
-}
-
-bool flag(const BrokerRequest& request, std::size_t index) {
-  return std::get<bool>(request.args.at(index));
-}
-
-const KXValue& value(const BrokerRequest& request, std::size_t index) {
-  return std::get<KXValue>(request.args.at(index));
-}
-
-const KXModuleInfo& record(const BrokerRequest& request, std::size_t index) {
-  return std::get<KXModuleInfo>(request.args.at(index));
-}
-
-}  // namespace
 
 KXConnection::KXConnection(std::string endpoint, KXModuleInfo module, int timeoutSeconds,
                            std::string token)
@@ -63,102 +38,18 @@ void KXConnection::authorize() {
   soap_->bearer = token_.empty() ? nullptr : token_.c_str();
 }
 
-int KXConnection::sendCall(BrokerOperation op, const std::string& module, const std::string& method,
-                           const KXValue& param) {
+int KXConnection::sendEnvelope(const KXValue* attachmentsOf) {
   struct soap* soap = soap_.get();
-  if (op == BrokerOperation::callVelmo2 || !hasBinaryLeaves(param)) {
-    // Written in one pass and sent in one piece: the common, small call.
-    writeCallRequest(envelope_, op == BrokerOperation::callVelmo2, module, method, param);
-    return sendRequestEnvelope(soap, endpoint_.c_str(), envelope_);
+  const bool withAttachments = attachmentsOf != nullptr && hasBinaryLeaves(*attachmentsOf);
+  int sent = withAttachments ? attachBinaries(soap, attachmentsOf) : SOAP_OK;
+  if (sent == SOAP_OK) {
+    sent = sendRequestEnvelope(soap, endpoint_.c_str(), envelope_, withAttachments);
   }
-  char* xml = kxValueToSoap(soap, param);
-  if (attachBinaries(soap, &param) != SOAP_OK) {
-    return soap->error;
-  }
-  char* mod = const_cast<char*>(module.c_str());
-  char* meth = const_cast<char*>(method.c_str());
-  return op == BrokerOperation::callVelmo
-             ? soap_send_kxbroker__callVelmo(soap, endpoint_.c_str(), "", mod, meth, xml)
-             : soap_send_kxbroker__callVelmo2(soap, endpoint_.c_str(), "", mod, meth, xml);
-}
-
-BrokerResponse KXConnection::call(BrokerOperation op, const std::string& method,
-                                  const KXValue& param) {
-  std::lock_guard<std::mutex> call(lock_);
-  authorize();
-  const int sent = sendCall(op, module_.name, method, param);
-  soap_clr_dime(soap_.get());
-  if (sent != SOAP_OK) {
-    return transportFault();
-  }
-  return receive(op);
-}
-
-int KXConnection::send(const BrokerRequest& request) {
-  struct soap* soap = soap_.get();
-  const char* endpoint = endpoint_.c_str();
-  switch (request.op) {
-    case BrokerOperation::callVelmo:
-    case BrokerOperation::callVelmo2:
-      return sendCall(request.op, std::get<std::string>(request.args.at(0)),
-                      std::get<std::string>(request.args.at(1)), value(request, 2));
-    case BrokerOperation::getModuleByName:
-      return soap_send_kxbroker__getModuleByName(soap, endpoint, "", text(request, 0));
-    case BrokerOperation::exploreToGetModuleByName:
-      return soap_send_kxbroker__exploreToGetModuleByName(soap, endpoint, "", text(request, 0),
-                                                          flag(request, 1), flag(request, 2),
-                                                          text(request, 3), flag(request, 4));
-    case BrokerOperation::getModuleList:
-      return soap_send_kxbroker__getModuleList(soap, endpoint, "");
-    case BrokerOperation::getGlobalModuleList:
-      return soap_send_kxbroker__getGlobalModuleList(soap, endpoint, "");
-    case BrokerOperation::getBrokerList:
-      return soap_send_kxbroker__getBrokerList(soap, endpoint, "");
-    case BrokerOperation::registerBroker:
-    case BrokerOperation::unregisterBroker: {
-      kx__KXModuleInfo broker;
-      kxModuleInfoToSoap(soap, record(request, 0), broker);
-      return request.op == BrokerOperation::registerBroker
-                 ? soap_send_kxbroker__registerBroker(soap, endpoint, "", broker)
-                 : soap_send_kxbroker__unregisterBroker(soap, endpoint, "", broker);
-    }
-    case BrokerOperation::unregisterModuleReference:
-      return soap_send_kxbroker__unregisterModuleReference(soap, endpoint, "", text(request, 0));
-    case BrokerOperation::getBrokerInfo:
-      return soap_send_kxbroker__getBrokerInfo(soap, endpoint, "");
-    case BrokerOperation::getMethodList:
-      return soap_send_kxbroker__getMethodList(soap, endpoint, "", text(request, 0));
-    case BrokerOperation::sendBackIP:
-      return soap_send_kxbroker__sendBackIP(soap, endpoint, "");
-    case BrokerOperation::getInfo:
-      return soap_send_kxbroker__getInfo(soap, endpoint, "", text(request, 0));
-    default:
-      // Served, never sent: nothing in this process asks another broker for them.
-      KX_THROW("KXNetwork", "exchange",
-               std::string(brokerOperationName(request.op)) + " is not sent by this broker");
-  }
-}
-
-BrokerResponse KXConnection::exchange(const BrokerRequest& request) {
-  std::lock_guard<std::mutex> call(lock_);
-  authorize();
-  struct soap* soap = soap_.get();
-  const bool oneWay = brokerOperationIsOneWay(request.op);
-  const int sent = send(request);
   soap_clr_dime(soap);
-  if (sent != SOAP_OK) {
-    return transportFault();
-  }
-  if (oneWay) {
-    endSoapMessage(soap);
-    BrokerResponse nothing;
-    nothing.op = request.op;
-    return nothing;
-  }
-  return receive(request.op);
+  return sent;
 }
 
-BrokerResponse KXConnection::receive(BrokerOperation op) {
+bool KXConnection::receiveEnvelope(std::string& envelope) {
   struct soap* soap = soap_.get();
   {
     std::lock_guard<std::mutex> guard(socketLock_);
@@ -170,43 +61,33 @@ BrokerResponse KXConnection::receive(BrokerOperation op) {
     activeSocket_ = -1;
   }
   if (began != SOAP_OK) {
-    return transportFault();
+    return false;
   }
-  std::string envelope;
   if (!readSoapEnvelope(soap, envelope)) {
     if (soap->error == SOAP_OK) {
       soap->error = SOAP_EOF;
     }
-    return transportFault();
+    return false;
   }
-  if (finishSoapReceive(soap) != SOAP_OK) {
-    return transportFault();
-  }
-  BrokerResponse response;
-  try {
-    response = parseBrokerResponse(op, envelope);
-  } catch (const KXBrokerMessageError& error) {
-    // An answer we cannot read leaves the connection in an unknown state: start afresh.
-    soap_closesock(soap);
-    endSoapMessage(soap);
-    response = BrokerResponse();
-    response.op = op;
-    response.fault = BrokerFault{"SOAP-ENV:Client", error.faultString(), std::string()};
-    return response;
-  }
-  if (op == BrokerOperation::callVelmo && soap->dime.list != nullptr && !response.items.empty()) {
-    if (auto* result = std::get_if<KXValue>(&response.items[0])) {
-      takeAttachments(soap, *result);
-    }
-  }
+  return finishSoapReceive(soap) == SOAP_OK;
+}
+
+void KXConnection::endAnswer() {
+  struct soap* soap = soap_.get();
   if (soap->keep_alive == 0) {
     soap_closesock(soap);
   }
   endSoapMessage(soap);
-  return response;
 }
 
-BrokerResponse KXConnection::transportFault() {
+BrokerFault KXConnection::unreadableAnswer(const KXBrokerMessageError& error) {
+  // An answer we cannot read leaves the connection in an unknown state: start afresh.
+  soap_closesock(soap_.get());
+  endSoapMessage(soap_.get());
+  return BrokerFault{"SOAP-ENV:Client", error.faultString(), std::string()};
+}
+
+BrokerFault KXConnection::transportFault() {
   struct soap* soap = soap_.get();
   if (soap->error == SOAP_OK) {
     soap->error = SOAP_EOF;
@@ -227,12 +108,11 @@ BrokerResponse KXConnection::transportFault() {
                               (noToken ? " This process has no token: set VELMO_TOKEN." : ""),
                           __FILE__, __LINE__);
   }
-  BrokerResponse response;
-  response.fault = BrokerFault{"SOAP-ENV:Client", faultString ? faultString : "",
-                               faultDetail ? faultDetail : ""};
+  BrokerFault fault{"SOAP-ENV:Client", faultString ? faultString : "",
+                    faultDetail ? faultDetail : ""};
   soap_closesock(soap);
   endSoapMessage(soap);
-  return response;
+  return fault;
 }
 
 void KXConnection::interrupt() {

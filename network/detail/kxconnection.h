@@ -6,7 +6,9 @@
 
 #include "module/kxmoduleinfo.h"
 #include "network/detail/kxbrokermessage.h"
+#include "network/detail/kxbrokerwriter.h"
 #include "network/detail/kxsoapcontext.h"
+#include "network/detail/kxsoapio.h"
 
 namespace KX {
 
@@ -35,38 +37,91 @@ class KXConnection {
   const std::string& endpoint() const { return endpoint_; }
   const KXModuleInfo& module() const { return module_; }
 
-  // Sends `request` and reads its answer by position (an empty answer for the one-way
-  // operations, which read nothing). The Binary leaves of a callVelmo parameter travel as
-  // DIME attachments, and those of its result take the attachments received. A transport
+  // Sends `request` and reads its answer by position (nothing for the one-way operations,
+  // which read nothing). The Binary leaves of a callVelmo parameter travel as DIME
+  // attachments, and those of its result take the attachments received. A transport
   // failure or an answer that cannot be read comes back as a fault worded by the runtime
   // (fault string and detail), like a fault the server sent; the socket is then closed.
-  BrokerResponse exchange(const BrokerRequest& request);
-  // callVelmo or callVelmo2 of `method` on the connection's module, `param` sent from
-  // where it is (no copy of the request is made).
-  BrokerResponse call(BrokerOperation op, const std::string& method, const KXValue& param);
+  // Raises KXAccessRefused when the broker's access rules refuse the request.
+  template <typename Op>
+  BrokerReply<typename Op::Answer> exchange(const Op& request) {
+    return exchangeFrom<Op>(request);
+  }
+  // callVelmo or callVelmo2 (`Call`) of `method` on the connection's module, `param` sent
+  // from where it is (no copy of the request is made).
+  template <typename Call>
+  BrokerReply<KXValue> call(const std::string& method, const KXValue& param) {
+    struct Parts {
+      const std::string& mod;
+      const std::string& meth;
+      const KXValue& p;
+    };
+    return exchangeFrom<Call>(Parts{module_.name, method, param});
+  }
 
   // Shuts the socket down so that a call blocked on it returns (with a fault) at once.
   // Safe from any thread.
   void interrupt();
 
  private:
+  template <typename Op, typename Fields>
+  BrokerReply<typename Op::Answer> exchangeFrom(const Fields& fields);
   void authorize();
-  int send(const BrokerRequest& request);
-  int sendCall(BrokerOperation op, const std::string& module, const std::string& method,
-               const KXValue& param);
-  BrokerResponse receive(BrokerOperation op);
-  BrokerResponse transportFault();
+  // Sends the request in envelope_; SOAP_OK or the runtime's error.
+  int sendEnvelope(const KXValue* attachmentsOf);
+  // Reads the envelope of the answer; false on a transport failure.
+  bool receiveEnvelope(std::string& envelope);
+  // Ends the reading of an answer: its data freed, the socket closed when the peer said so.
+  void endAnswer();
+  // The fault that a transport failure or an unreadable answer gives; the socket is closed.
+  BrokerFault transportFault();
+  BrokerFault unreadableAnswer(const KXBrokerMessageError& error);
 
   const std::string endpoint_;
   const KXModuleInfo module_;
   const std::string token_;  // soap_'s bearer points into it
   std::mutex lock_;          // held for a whole call
   KXSoapContext soap_;
-  std::string envelope_;  // guarded by lock_: the last request written, its memory reused
+  std::string envelope_;  // guarded by lock_: the last message, its memory reused
   // The socket of the call in progress, for interrupt(); -1 when there is none.
   std::mutex socketLock_;
   int activeSocket_ = -1;
 };
+
+template <typename Op, typename Fields>
+BrokerReply<typename Op::Answer> KXConnection::exchangeFrom(const Fields& fields) {
+  std::lock_guard<std::mutex> call(lock_);
+  authorize();
+  BrokerReply<typename Op::Answer> reply;
+  writeBrokerRequest<Op>(envelope_, fields);
+  const KXValue* attachmentsOf = nullptr;
+  if constexpr (carriesAttachments<Op>()) {
+    attachmentsOf = &fields.p;
+  }
+  if (sendEnvelope(attachmentsOf) != SOAP_OK) {
+    reply.fault = transportFault();
+    return reply;
+  }
+  if constexpr (isOneWay<Op>()) {
+    endSoapMessage(soap_.get());
+  } else {
+    if (!receiveEnvelope(envelope_)) {
+      reply.fault = transportFault();
+      return reply;
+    }
+    try {
+      reply = parseBrokerResponse<Op>(envelope_);
+    } catch (const KXBrokerMessageError& error) {
+      reply.fault = unreadableAnswer(error);
+      return reply;
+    }
+    if constexpr (carriesAttachments<Op>()) {
+      if (!reply.fault && soap_->dime.list != nullptr) takeAttachments(soap_.get(), reply.answer);
+    }
+    endAnswer();
+  }
+  return reply;
+}
 
 }  // namespace KX
 

@@ -1,6 +1,6 @@
 // The client side of the broker protocol: the operations this broker sends to others.
 #include <iostream>
-#include <variant>
+#include <utility>
 
 #include "log/log.h"
 #include "network/detail/kxconnection.h"
@@ -13,33 +13,17 @@ namespace {
 
 constexpr char kCategory[] = "core.common.network";
 
-template <typename T>
-const T* firstItem(const BrokerResponse& response) {
-  return response.items.empty() ? nullptr : std::get_if<T>(&response.items[0]);
-}
-
-template <typename T>
-std::vector<T> allItems(const BrokerResponse& response) {
-  std::vector<T> items;
-  items.reserve(response.items.size());
-  for (const auto& item : response.items) {
-    if (const T* typed = std::get_if<T>(&item)) {
-      items.push_back(*typed);
-    }
-  }
-  return items;
-}
-
-// Sends a broker operation (no module call) and raises KXError("KXNetwork", method, <the
-// fault>) when it fails.
-BrokerResponse ask(KXConnection& connection, const char* method, BrokerRequest request) {
-  BrokerResponse response = connection.exchange(request);
-  if (response.fault) {
+// Sends a broker operation (no module call) and returns its answer; raises
+// KXError("KXNetwork", method, <the fault>) when it fails.
+template <typename Op>
+typename Op::Answer ask(KXConnection& connection, const char* method, const Op& request) {
+  BrokerReply<typename Op::Answer> reply = connection.exchange(request);
+  if (reply.fault) {
     KX_THROW("KXNetwork", method,
-             response.fault->string +
-                 (response.fault->detail.empty() ? "" : " (" + response.fault->detail + ")"));
+             reply.fault->string +
+                 (reply.fault->detail.empty() ? "" : " (" + reply.fault->detail + ")"));
   }
-  return response;
+  return std::move(reply.answer);
 }
 
 // A module call's fault as the caller sees it: the module's own error when the fault
@@ -59,48 +43,39 @@ BrokerResponse ask(KXConnection& connection, const char* method, BrokerRequest r
 KXValue KXNetwork::callMethod(const int& connection, const std::string& method,
                               const KXValue& param) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "callMethod");
-  const std::string& module = target->module().name;
-  BrokerResponse response = target->call(BrokerOperation::callVelmo, method, param);
-  if (response.fault) {
-    throwCallFault(*response.fault, module, method, "callMethod");
+  BrokerReply<KXValue> reply = target->call<protocol::CallVelmo>(method, param);
+  if (reply.fault) {
+    throwCallFault(*reply.fault, target->module().name, method, "callMethod");
   }
-  if (KXValue* result =
-          response.items.empty() ? nullptr : std::get_if<KXValue>(&response.items[0])) {
-    return std::move(*result);
-  }
-  return KXValue();
+  return std::move(reply.answer);
 }
 
 int KXNetwork::pCallMethod(const int& connection, const std::string& method, const KXValue& param) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "pCallMethod");
-  const std::string& module = target->module().name;
-  const BrokerResponse response = target->call(BrokerOperation::callVelmo2, method, param);
-  if (response.fault) {
-    throwCallFault(*response.fault, module, method, "pCallMethod");
+  const BrokerReply<KXValue> reply = target->call<protocol::CallVelmo2>(method, param);
+  if (reply.fault) {
+    throwCallFault(*reply.fault, target->module().name, method, "pCallMethod");
   }
-  const KXValue* id = firstItem<KXValue>(response);
-  if (id == nullptr || id->getType() != KXValue::TypeInt) {
+  if (reply.answer.getType() != KXValue::TypeInt) {
     TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::pCallMethod")
         << "The return value mismatched with the communication protocol, check your return "
            "value."
         << std::endl;
     return 0;
   }
-  return static_cast<int>(*id);
+  return static_cast<int>(reply.answer);
 }
 
 int KXNetwork::exploreToGetModuleByName(int connection, const std::string& name, bool searchUp,
                                         bool searchDown, const std::string& excludedBroker,
                                         bool loadLib, KXModuleInfo& info) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "exploreToGetModuleByName");
-  const BrokerResponse response =
-      target->exchange(BrokerRequest{BrokerOperation::exploreToGetModuleByName,
-                                     {name, searchUp, searchDown, excludedBroker, loadLib}});
-  const KXModuleInfo* found = firstItem<KXModuleInfo>(response);
-  if (response.fault || found == nullptr || found->name.empty()) {
+  const BrokerReply<KXModuleInfo> reply = target->exchange(
+      protocol::ExploreToGetModuleByName{name, searchUp, searchDown, excludedBroker, loadLib});
+  if (reply.fault || reply.answer.name.empty()) {
     return -1;
   }
-  info = *found;
+  info = reply.answer;
   // A broker that listens on every interface reports 0.0.0.0: it is reached where this
   // connection reaches it.
   if (info.ip == "0.0.0.0") {
@@ -114,90 +89,76 @@ int KXNetwork::exploreToGetModuleByName(int connection, const std::string& name,
 
 KXModuleInfo KXNetwork::getModuleByName(int connection, const std::string& name) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "getModuleByName");
-  const BrokerResponse response =
-      target->exchange(BrokerRequest{BrokerOperation::getModuleByName, {name}});
-  const KXModuleInfo* found = firstItem<KXModuleInfo>(response);
-  if (response.fault || found == nullptr) {
+  const BrokerReply<KXModuleInfo> reply = target->exchange(protocol::GetModuleByName{{name}});
+  if (reply.fault) {
     KX_THROW("KXNetwork", "getModuleByName",
-             "failed to get module " + name + " from " + target->endpoint() +
-                 (response.fault ? ": " + response.fault->string : ""));
+             "failed to get module " + name + " from " + target->endpoint() + ": " +
+                 reply.fault->string);
   }
-  return *found;
+  return reply.answer;
 }
 
 KXModuleInfo KXNetwork::getInfo(int connection, const std::string& name) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "getInfo");
-  const BrokerResponse response =
-      ask(*target, "getInfo", BrokerRequest{BrokerOperation::getInfo, {name}});
-  const KXModuleInfo* found = firstItem<KXModuleInfo>(response);
-  return found ? *found : KXModuleInfo();
+  return ask(*target, "getInfo", protocol::GetInfo{{name}});
 }
 
 KXModuleInfo KXNetwork::getBrokerInfo(int connection) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "getBrokerInfo");
-  const BrokerResponse response =
-      target->exchange(BrokerRequest{BrokerOperation::getBrokerInfo, {}});
-  const KXModuleInfo* found = firstItem<KXModuleInfo>(response);
-  if (response.fault || found == nullptr) {
+  const BrokerReply<KXModuleInfo> reply = target->exchange(protocol::GetBrokerInfo{});
+  if (reply.fault) {
     TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::getBrokerInfo")
-        << "cannot reach " << target->endpoint()
-        << (response.fault ? ": " + response.fault->string : std::string()) << std::endl;
+        << "cannot reach " << target->endpoint() << ": " << reply.fault->string << std::endl;
     KX_THROW("KXNetwork", "Connect",
              "Connection failed. Could not contact endpoint: " + target->endpoint() +
                  " Please verify that Velmo is running at this address.");
   }
-  return *found;
+  return reply.answer;
 }
 
 std::vector<KXModuleInfo> KXNetwork::getModuleList(int connection) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "getModuleList");
-  return allItems<KXModuleInfo>(
-      ask(*target, "getModuleList", BrokerRequest{BrokerOperation::getModuleList, {}}));
+  return ask(*target, "getModuleList", protocol::GetModuleList{});
 }
 
 std::vector<KXModuleInfo> KXNetwork::getGlobalModuleList(int connection) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "getGlobalModuleList");
-  return allItems<KXModuleInfo>(
-      ask(*target, "getGlobalModuleList", BrokerRequest{BrokerOperation::getGlobalModuleList, {}}));
+  return ask(*target, "getGlobalModuleList", protocol::GetGlobalModuleList{});
 }
 
 std::vector<KXModuleInfo> KXNetwork::getBrokerList(int connection) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "getBrokerList");
-  return allItems<KXModuleInfo>(
-      ask(*target, "getBrokerList", BrokerRequest{BrokerOperation::getBrokerList, {}}));
+  return ask(*target, "getBrokerList", protocol::GetBrokerList{});
 }
 
 std::vector<std::string> KXNetwork::getRemoteMethodList(int connection,
                                                         const std::string& moduleName) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "getRemoteMethodList");
-  return allItems<std::string>(ask(*target, "getRemoteMethodList",
-                                   BrokerRequest{BrokerOperation::getMethodList, {moduleName}}));
+  return ask(*target, "getRemoteMethodList", protocol::GetMethodList{{moduleName}});
 }
 
 void KXNetwork::registerBrokerTo(int connection, const KXModuleInfo& broker) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "registerBroker");
-  ask(*target, "registerBroker", BrokerRequest{BrokerOperation::registerBroker, {broker}});
+  ask(*target, "registerBroker", protocol::RegisterBroker{broker});
 }
 
 void KXNetwork::unregisterBroker(int connection, const KXModuleInfo& broker) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "unregisterBroker");
-  ask(*target, "unregisterBroker", BrokerRequest{BrokerOperation::unregisterBroker, {broker}});
+  ask(*target, "unregisterBroker", protocol::UnregisterBroker{broker});
 }
 
 void KXNetwork::unregisterModuleReference(int connection, const std::string& moduleName) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "unregisterModuleReference");
-  ask(*target, "unregisterModuleReference",
-      BrokerRequest{BrokerOperation::unregisterModuleReference, {moduleName}});
+  ask(*target, "unregisterModuleReference", protocol::UnregisterModuleReference{moduleName});
 }
 
 std::string KXNetwork::sendBackIP(int connection) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "sendBackIP");
-  const BrokerResponse response = target->exchange(BrokerRequest{BrokerOperation::sendBackIP, {}});
-  const std::string* ip = firstItem<std::string>(response);
-  if (response.fault || ip == nullptr || ip->empty()) {
+  const BrokerReply<std::string> reply = target->exchange(protocol::SendBackIP{});
+  if (reply.fault || reply.answer.empty()) {
     KX_THROW("KXNetwork", "sendBackIP", "Endpoint not responding: " + target->endpoint());
   }
-  return *ip;
+  return reply.answer;
 }
 
 }  // namespace KX

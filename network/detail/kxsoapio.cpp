@@ -1,9 +1,11 @@
 #include "network/detail/kxsoapio.h"
 
 #include <algorithm>
+#include <string_view>
 #include <vector>
 
 #include "network/detail/kxbrokermessage.h"
+#include "network/detail/kxbrokerwriter.h"
 #include "network/detail/kxdimebuffers.h"
 #include "network/detail/kxvaluesoap.h"
 
@@ -85,7 +87,44 @@ void takeAttachments(struct soap* soap, KXValue& value) {
   }
 }
 
+int sendFramedMessage(struct soap* soap, const char* endpoint, int status,
+                      const std::function<int()>& putBody) {
+  const auto putEnvelope = [&] {
+    return soap_envelope_begin_out(soap) != SOAP_OK || soap_putheader(soap) != SOAP_OK ||
+                   soap_body_begin_out(soap) != SOAP_OK || putBody() != SOAP_OK ||
+                   soap_body_end_out(soap) != SOAP_OK || soap_envelope_end_out(soap) != SOAP_OK
+               ? soap->error
+               : SOAP_OK;
+  };
+  // Counted first when the length must be known (DIME records carry theirs), then sent.
+  if (soap_begin_count(soap) != SOAP_OK) {
+    return soap->error;
+  }
+  if ((soap->mode & SOAP_IO_LENGTH) != 0 && putEnvelope() != SOAP_OK) {
+    return soap->error;
+  }
+  if (soap_end_count(soap) != SOAP_OK) {
+    return soap->error;
+  }
+  const int opened =
+      endpoint != nullptr ? soap_connect(soap, endpoint, "") : soap_response(soap, status);
+  if (opened != SOAP_OK || putEnvelope() != SOAP_OK || soap_end_send(soap) != SOAP_OK) {
+    return soap->error;
+  }
+  return SOAP_OK;
+}
+
 namespace {
+
+// A message with attachments queued: the runtime frames our body element in its envelope
+// and the DIME records.
+int sendWithAttachments(struct soap* soap, const char* endpoint, const std::string& envelope) {
+  const std::string_view body = brokerMessageBody(envelope);
+  soap->encodingStyle = "";  // SOAP encoding, as our own envelope states it
+  soap->header = nullptr;
+  return sendFramedMessage(soap, endpoint, SOAP_OK,
+                           [soap, body] { return soap_send_raw(soap, body.data(), body.size()); });
+}
 
 // The runtime frames a message of known length (Content-Length) and buffers it, so that
 // the HTTP header and the envelope leave in one send.
@@ -103,7 +142,16 @@ void prepareKnownLength(struct soap* soap, std::size_t length) {
 
 }  // namespace
 
-int sendRequestEnvelope(struct soap* soap, const char* endpoint, const std::string& envelope) {
+int sendRequestEnvelope(struct soap* soap, const char* endpoint, const std::string& envelope,
+                        bool withAttachments) {
+  if (withAttachments) {
+    soap_begin(soap);
+    soap_set_version(soap, 1);
+    if (sendWithAttachments(soap, endpoint, envelope) != SOAP_OK) {
+      return soap_closesock(soap);
+    }
+    return SOAP_OK;
+  }
   prepareKnownLength(soap, envelope.size());
   if (soap_connect(soap, endpoint, "") != SOAP_OK ||
       soap_send_raw(soap, envelope.data(), envelope.size()) != SOAP_OK ||
@@ -113,7 +161,10 @@ int sendRequestEnvelope(struct soap* soap, const char* endpoint, const std::stri
   return SOAP_OK;
 }
 
-int sendResponseEnvelope(struct soap* soap, const std::string& envelope) {
+int sendResponseEnvelope(struct soap* soap, const std::string& envelope, bool withAttachments) {
+  if (withAttachments) {
+    return sendWithAttachments(soap, nullptr, envelope);
+  }
   prepareKnownLength(soap, envelope.size());
   if (soap_response(soap, SOAP_OK) != SOAP_OK ||
       soap_send_raw(soap, envelope.data(), envelope.size()) != SOAP_OK ||

@@ -3,6 +3,7 @@
 
 #include <stdsoap2.h>
 
+#include <functional>
 #include <string>
 
 #include "value/kxvalue.h"
@@ -24,14 +25,23 @@ int attachBinaries(struct soap* soap, const KXValue* value);
 // not copying them); leaves beyond the attachments keep the bytes of their XML form.
 void takeAttachments(struct soap* soap, KXValue& value);
 
-// Sends a whole request envelope written by us (no attachments) as an HTTP POST to
-// `endpoint`, connecting first when the connection is not open. SOAP_OK or the runtime's
-// error (the socket is then closed).
-int sendRequestEnvelope(struct soap* soap, const char* endpoint, const std::string& envelope);
+// Sends a whole request envelope written by writeBrokerRequest as an HTTP POST to
+// `endpoint`, connecting first when the connection is not open; `withAttachments`: as a DIME
+// message with the attachments that attachBinaries queued. SOAP_OK or the runtime's error
+// (the socket is then closed).
+int sendRequestEnvelope(struct soap* soap, const char* endpoint, const std::string& envelope,
+                        bool withAttachments);
 
-// Sends a whole response envelope written by us (no attachments) as the HTTP answer to the
-// request being served. SOAP_OK or the runtime's error.
-int sendResponseEnvelope(struct soap* soap, const std::string& envelope);
+// Sends a whole answer envelope written by writeBrokerAnswer as the HTTP answer to the
+// request being served; `withAttachments` as for requests. SOAP_OK or the runtime's error.
+int sendResponseEnvelope(struct soap* soap, const std::string& envelope, bool withAttachments);
+
+// Sends a message whose envelope the runtime writes around what `putBody` writes (faults,
+// and bodies with attachments): as a request to `endpoint` (connecting when needed), or,
+// when it is null, as the answer with HTTP status `status` (SOAP_OK or SOAP_FAULT). SOAP_OK
+// or the runtime's error.
+int sendFramedMessage(struct soap* soap, const char* endpoint, int status,
+                      const std::function<int()>& putBody);
 
 // Ends the reading of a message whose envelope readSoapEnvelope has read: reads its DIME
 // attachments (into soap->dime.list). SOAP_OK or the runtime's error.

@@ -126,7 +126,7 @@ class KXFileServiceTest : public ::testing::Test {
         server_->socket = SOAP_INVALID_SOCKET;  // the copy owns it now
         serveBrokerConnection(connection.get(), [this](BrokerRequest&, const BrokerPeer&) {
           ++handled_;
-          return BrokerResponse{};
+          return BrokerAnswer{std::string("served")};  // the answer of getBrokerName
         });
       }
     });

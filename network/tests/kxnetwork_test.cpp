@@ -33,7 +33,6 @@ using wire::envelope;
 using wire::HttpReply;
 using wire::operation;
 using wire::WireConnection;
-using Op = BrokerOperation;
 using namespace std::string_literals;
 
 std::shared_ptr<KXBroker> rootBroker(const std::string& name) {
@@ -60,16 +59,14 @@ class NetworkTreeTest : public ::testing::Test {
     root_->shutdown();
   }
 
-  BrokerResponse carryOut(Op op, std::vector<BrokerArg> args, const std::string& ip = "10.0.0.9") {
-    BrokerRequest request{op, std::move(args)};
-    return carryOutBrokerRequest(request, {"http://127.0.0.1:" + std::to_string(port_) + "/", ip});
-  }
-
-  // The answer as readable items, or "fault: <string>".
-  std::vector<std::string> outcome(Op op, std::vector<BrokerArg> args) {
-    const BrokerResponse response = carryOut(op, std::move(args));
-    if (response.fault) return {"fault: " + response.fault->string};
-    return describe(response.items);
+  // The answer as readable items, or "fault: <description>".
+  std::vector<std::string> outcome(BrokerRequest request, const std::string& ip = "10.0.0.9") {
+    try {
+      return describeItems(
+          carryOutBrokerRequest(request, {"http://127.0.0.1:" + std::to_string(port_) + "/", ip}));
+    } catch (const KXError& error) {
+      return {"fault: " + error.description()};
+    }
   }
 
   void expectServing() {
@@ -125,11 +122,11 @@ TEST_F(NetworkTreeTest, ParallelCallsAreWaitedForAndStoppedRemotely) {
   EXPECT_EQ(id % 2, 0);
   EXPECT_EQ(calc_->waitForOwnTaskId(), id);
   EXPECT_TRUE(proxy.isRunning(id));
-  EXPECT_EQ(outcome(Op::getDebugTaskList, {}),
+  EXPECT_EQ(outcome(protocol::GetDebugTaskList{}),
             std::vector<std::string>{"value 1 [[" + std::to_string(id) +
                                      ", \"Calc\", \"runUntilStopped\"]]"});
   EXPECT_TRUE(proxy.wait(id, 50));  // timed out: still running
-  EXPECT_EQ(outcome(Op::stopTask, {id}), std::vector<std::string>{"0"});  // the broker stops it
+  EXPECT_EQ(outcome(protocol::StopTask{id}), std::vector<std::string>{"0"});  // the broker stops it
   EXPECT_FALSE(proxy.wait(id, 0));  // ends once it sees the request
   EXPECT_TRUE(calc_->stoppedOnRequest.load());
   EXPECT_FALSE(proxy.isRunning(id));
@@ -186,38 +183,35 @@ TEST_F(BrokerWireTest, EveryOperationIsCarriedOutOnTheAddressedBroker) {
   const std::string childAt =
       "|1|127.0.0.1:" + std::to_string(child_->getPort()) + "|" + std::to_string(pid);
   const std::string explore = "unable to explore to get a module by name for: '";
+  using namespace protocol;
   const struct {
-    Op op;
-    std::vector<BrokerArg> args;
+    BrokerRequest request;
     std::vector<std::string> outcome;
   } cases[] = {
-      {Op::pCallVelmoN, {"Calc"s, 1, "add"s, ""s, ""s, ""s, args({1, 2})}, {}},
-      {Op::getModuleByName, {"Nowhere"s}, {"fault: unable to get module by name"s}},
-      {Op::exploreToGetModuleByName,
-       {"Deep"s, false, true, "child"s, false},
+      {GetModuleByName{{"Nowhere"}}, {"fault: unable to get module by name"s}},
+      {ExploreToGetModuleByName{"Deep", false, true, "child", false},
        {"fault: " + explore + "Deep'"s}},
-      {Op::getBrokerList,
-       {},
+      {GetBrokerList{},
        {"root" + at + "|broker|keepAlive"s, "child" + childAt + "|broker|keepAlive"s}},
-      {Op::getMethodList, {"Nowhere"s}, {"fault: unable to get methods list"s}},
-      {Op::init, {"other"s, "10.0.0.1"s, 9559, ""s, 0, false}, {"fault: unable to init broker"s}},
-      {Op::getInfo, {"Calc"s}, {"Calc" + at + "|module"s}},
-      {Op::getInfo, {"Nope"s}, {"fault: unable to get info from module"s}},
-      {Op::stopTask, {123456}, {"-1"s}},
-      {Op::stopTaskName, {"pcall: Calc::hold"s}, {"0"s}},
+      {GetMethodList{{"Nowhere"}}, {"fault: unable to get methods list"s}},
+      {Init{"other", "10.0.0.1", 9559, "", 0, false}, {"fault: unable to init broker"s}},
+      {GetInfo{{"Calc"}}, {"Calc" + at + "|module"s}},
+      {GetInfo{{"Nope"}}, {"fault: unable to get info from module"s}},
+      {StopTask{123456}, {"-1"s}},
+      {SendBackIP{}, {"'10.0.0.9'"}},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(brokerOperationName(c.op));
-    EXPECT_EQ(outcome(c.op, c.args), c.outcome);
+    SCOPED_TRACE(brokerOperationName(c.request));
+    EXPECT_EQ(outcome(c.request), c.outcome);
   }
-  const std::vector<std::string> global = outcome(Op::getGlobalModuleList, {});
+  const std::vector<std::string> global = outcome(GetGlobalModuleList{});
   EXPECT_NE(std::find(global.begin(), global.end(), "Deep" + childAt + "|module"), global.end());
-  EXPECT_EQ(carryOut(Op::sendBackIP, {}, "").fault.value_or(BrokerFault{}).string,
-            "Unable to send Back IP");
+  EXPECT_EQ(outcome(SendBackIP{}, ""), std::vector<std::string>{"fault: Unable to send Back IP"});
   const std::shared_ptr<KXProxy> before = root_->getProxy("Calc");
-  carryOut(Op::unregisterModuleReference, {"Calc"s});  // drops the shared proxy
+  outcome(UnregisterModuleReference{"Calc"});  // drops the shared proxy
   EXPECT_NE(root_->getProxy("Calc"), before);
-  carryOut(Op::pCallVelmo, {"Calc"s, "add"s, args({4, 5})});
+  outcome(PCallVelmoN{"Calc", 1, "add", "", "", "", args({1, 2})});  // accepted, not run
+  outcome(PCallVelmo{{"Calc", "add", args({4, 5})}});
   EXPECT_TRUE(eventually([this] { return calc_->addCalls.load() == 1; }));  // not pCallVelmoN's
 }
 

@@ -19,6 +19,8 @@
 #include <cstdlib>
 #include <optional>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -75,18 +77,52 @@ inline std::string describe(const KXModuleInfo& m) {
          (m.keepAlive ? "|keepAlive" : "");
 }
 
-inline std::vector<std::string> describe(const std::vector<BrokerArg>& args) {
+inline std::string describe(const std::string& text) { return "'" + text + "'"; }
+inline std::string describe(int number) { return std::to_string(number); }
+inline std::string describe(bool flag) { return flag ? "true" : "false"; }
+inline std::string describe(const KXValue& value) {
+  return "value " + std::to_string(value.getType()) + " " + value.toString();
+}
+
+// The items of an answer: none for no answer or an absent one, one per list item.
+inline std::vector<std::string> describeItems(protocol::NoAnswer) { return {}; }
+inline std::vector<std::string> describeItems(const std::optional<int>& answer) {
+  return answer ? std::vector<std::string>{describe(*answer)} : std::vector<std::string>{};
+}
+template <typename T>
+std::vector<std::string> describeItems(const std::vector<T>& items) {
   std::vector<std::string> texts;
-  for (const BrokerArg& arg : args) {
-    if (const auto* text = std::get_if<std::string>(&arg)) texts.push_back("'" + *text + "'");
-    if (const auto* number = std::get_if<int>(&arg)) texts.push_back(std::to_string(*number));
-    if (const auto* flag = std::get_if<bool>(&arg)) texts.push_back(*flag ? "true" : "false");
-    if (const auto* value = std::get_if<KXValue>(&arg)) {
-      texts.push_back("value " + std::to_string(value->getType()) + " " + value->toString());
-    }
-    if (const auto* record = std::get_if<KXModuleInfo>(&arg)) texts.push_back(describe(*record));
-  }
+  for (const T& item : items) texts.push_back(describe(item));
   return texts;
+}
+template <typename T>
+std::vector<std::string> describeItems(const T& answer) {
+  return {describe(answer)};
+}
+inline std::vector<std::string> describeItems(const BrokerAnswer& answer) {
+  return std::visit([](const auto& typed) { return describeItems(typed); }, answer);
+}
+
+// The children of a request, in order.
+inline std::vector<std::string> describe(const BrokerRequest& request) {
+  std::vector<std::string> texts;
+  std::visit(
+      [&texts](const auto& op) {
+        std::decay_t<decltype(op)>::children(
+            op, [&texts](const char*, const auto& child) { texts.push_back(describe(child)); });
+      },
+      request);
+  return texts;
+}
+
+// Calls f(Op{}) for every operation, in the order of BrokerRequest.
+template <typename F, std::size_t... I>
+void forEachOperation(F&& f, std::index_sequence<I...>) {
+  (f(std::variant_alternative_t<I, BrokerRequest>{}), ...);
+}
+template <typename F>
+void forEachOperation(F&& f) {
+  forEachOperation(f, std::make_index_sequence<std::variant_size_v<BrokerRequest>>());
 }
 
 namespace wire {
