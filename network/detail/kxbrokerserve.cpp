@@ -2,9 +2,11 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <exception>
 #include <string>
@@ -20,7 +22,7 @@ namespace KX {
 namespace {
 
 constexpr const char* kModule = "KXNetwork";
-constexpr const char* kMethod = "serveBrokerConnection";
+constexpr const char* kMethod = "BrokerConnection::serve";
 
 // A Client fault that leaves the connection as the request left it: the runtime's own
 // fault sending would close it.
@@ -86,6 +88,20 @@ class PendingInput {
   const std::string bytes_;
   const soap_wchar ahead_;
 };
+
+// True when the next request has begun to arrive (or the peer closed) within `linger`:
+// bytes already read ahead need no wait.
+bool requestBegun(struct soap* soap, std::chrono::milliseconds linger) {
+  if (soap->bufidx < soap->buflen || soap->ahead != 0) {
+    return true;
+  }
+  pollfd watched{soap->socket, POLLIN, 0};
+  int ready;
+  do {
+    ready = ::poll(&watched, 1, static_cast<int>(linger.count()));
+  } while (ready < 0 && errno == EINTR);
+  return ready != 0;  // a poll failure is seen by the read that follows
+}
 
 // The peer's address as text ("" when the socket cannot say).
 std::string peerAddress(SOAP_SOCKET socket) {
@@ -180,20 +196,28 @@ int serveRequest(struct soap* soap, const BrokerRequestHandler& handler,
 
 std::string kxErrorDescription(const KXError& error) { return error.description(); }
 
-int serveBrokerConnection(struct soap* soap, const BrokerRequestHandler& handler) {
-  // The peer of a connection does not change: asked once.
-  const std::string peerIp = peerAddress(soap->socket);
+BrokerConnection::BrokerConnection(struct soap* soap)
+    : soap_(soap), peerIp_(peerAddress(soap->socket)) {
   // Counted down as the generated skeleton does: max_keep_alive requests. Without a limit
   // the answers say "keep-alive" with no count of requests left.
   soap->keep_alive = soap->max_keep_alive > 0 ? soap->max_keep_alive + 1 : -1;
+}
+
+BrokerConnection::State BrokerConnection::serve(const BrokerRequestHandler& handler,
+                                                std::chrono::milliseconds linger) {
+  struct soap* soap = soap_;
+  bool first = true;
   do {
+    if (!first && linger != kUntilClosed && !requestBegun(soap, linger)) {
+      return State::Idle;
+    }
+    first = false;
     if (soap->keep_alive > 0 && soap->max_keep_alive > 0) {
       --soap->keep_alive;
     }
     soap->error = SOAP_OK;
     if (soap_begin_recv(soap) != SOAP_OK) {
-      const int error = soap->error;
-      if (error >= SOAP_STOP) {
+      if (soap->error >= SOAP_STOP) {
         // Handled by an HTTP callback (GET, PUT, ...): the connection goes on.
         soap_destroy(soap);
         soap_end(soap);
@@ -201,29 +225,27 @@ int serveBrokerConnection(struct soap* soap, const BrokerRequestHandler& handler
       }
       // A peer that closes between requests ends the connection normally; anything else
       // is answered as the runtime answers bad HTTP, which closes the connection.
-      if (error == SOAP_EOF) {
+      if (soap->error == SOAP_EOF) {
         soap->keep_alive = 0;
         soap_closesock(soap);
-        soap_destroy(soap);
-        soap_end(soap);
-        return SOAP_OK;
+      } else {
+        soap_set_version(soap, 1);
+        soap_send_fault(soap);
       }
-      soap_set_version(soap, 1);
-      soap_send_fault(soap);
       soap_destroy(soap);
       soap_end(soap);
-      return error;
+      return State::Closed;
     }
-    const int result = serveRequest(soap, handler, peerIp);
+    const int result = serveRequest(soap, handler, peerIp_);
     endSoapMessage(soap);
     if (result != SOAP_OK) {
       soap->keep_alive = 0;
       soap_closesock(soap);
-      return result;
+      return State::Closed;
     }
   } while (soap->keep_alive != 0);
   soap_closesock(soap);
-  return SOAP_OK;
+  return State::Closed;
 }
 
 }  // namespace KX

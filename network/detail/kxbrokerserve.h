@@ -8,6 +8,7 @@
 
 #include <stdsoap2.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 
@@ -32,16 +33,36 @@ struct BrokerPeer {
 using BrokerRequestHandler =
     std::function<BrokerAnswer(BrokerRequest& request, const BrokerPeer& peer)>;
 
-// Serves the requests arriving on the connection of `soap` (a copy of the server context
-// bound to an accepted socket), one after the other while the connection is kept alive,
-// at most soap->max_keep_alive of them (0: no limit). A request that cannot be read or
-// carried out gets its fault and the connection goes on serving. Binary leaves of a
-// callVelmo parameter take the DIME attachments received, in walk order; the Binary leaves
-// of its result go out as attachments ("application/octet-stream", id "image"). Message
-// data are freed after every request. Returns SOAP_OK when the peer closed the connection
-// or keep-alive ended, else the runtime's error code (HTTP framing or socket failure, after
-// which the connection is closed).
-int serveBrokerConnection(struct soap* soap, const BrokerRequestHandler& handler);
+// One accepted connection of the broker protocol, served in rounds: a round serves the
+// requests that arrive one after the other, and ends when none has begun within a linger
+// time (the connection is then idle, still open, and the next round serves it once its next
+// request arrives) or when the connection closes.
+//
+// A request that cannot be read or carried out gets its fault and the connection goes on
+// serving. At most soap->max_keep_alive requests are served (0: no limit). Binary leaves of
+// a callVelmo parameter take the DIME attachments received, in walk order; the Binary
+// leaves of its result go out as attachments ("application/octet-stream", id "image").
+// Message data are freed after every request. Not thread-safe: one round at a time.
+class BrokerConnection {
+ public:
+  enum class State { Idle, Closed };
+
+  // The linger that waits for the next request as long as the receive timeout allows: the
+  // round ends only with the connection.
+  static constexpr std::chrono::milliseconds kUntilClosed{-1};
+
+  // `soap`: a copy of the server context bound to an accepted socket; it outlives this.
+  explicit BrokerConnection(struct soap* soap);
+
+  // Serves one round; the first request is read at once. Closed when the peer closed the
+  // connection, keep-alive ended, or the HTTP framing or the socket failed (the socket is
+  // then closed).
+  State serve(const BrokerRequestHandler& handler, std::chrono::milliseconds linger);
+
+ private:
+  struct soap* const soap_;
+  const std::string peerIp_;  // the peer of a connection does not change
+};
 
 // The description part of a KXError's text (what follows the module and method line).
 std::string kxErrorDescription(const KXError& error);

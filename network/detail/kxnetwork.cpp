@@ -272,21 +272,20 @@ void KXNetwork::listenRequest() {
   if (!server || !pool) {
     return;
   }
-  server->acceptLoop([this] { return keepRunning(); },
-                     [&pool](const std::shared_ptr<KXTask>& task) {
-                       if (!pool->enqueue(task)) {
-                         return false;
-                       }
-                       // A connection holds its worker for as long as its peer keeps it
-                       // open: rather than wait minutes for one to come free, the pool
-                       // grows to the connections waiting (up to its maximum).
-                       const int queued = pool->getQueueLength();
-                       const int room = pool->getMaxThreadCount() - pool->getThreadCount();
-                       if (queued > 0 && room > 0) {
-                         pool->resize(std::min(queued, room));
-                       }
-                       return true;
-                     });
+  server->serveLoop([this] { return keepRunning(); },
+                    [&pool](const std::shared_ptr<KXTask>& task) {
+                      if (!pool->enqueue(task)) {
+                        return false;
+                      }
+                      // A request waits for no load check: the pool grows to the
+                      // connections waiting at once (up to its maximum).
+                      const int queued = pool->getQueueLength();
+                      const int room = pool->getMaxThreadCount() - pool->getThreadCount();
+                      if (queued > 0 && room > 0) {
+                        pool->resize(std::min(queued, room));
+                      }
+                      return true;
+                    });
 }
 
 // ---------------------------------------------------------------- the parent

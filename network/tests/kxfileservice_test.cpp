@@ -124,10 +124,13 @@ class KXFileServiceTest : public ::testing::Test {
         if (!soap_valid_socket(soap_accept(server_.get()))) continue;  // the accept timeout
         KXSoapContext connection = KXSoapContext::copyOf(server_);
         server_->socket = SOAP_INVALID_SOCKET;  // the copy owns it now
-        serveBrokerConnection(connection.get(), [this](BrokerRequest&, const BrokerPeer&) {
-          ++handled_;
-          return BrokerAnswer{std::string("served")};  // the answer of getBrokerName
-        });
+        BrokerConnection(connection.get())
+            .serve(
+                [this](BrokerRequest&, const BrokerPeer&) {
+                  ++handled_;
+                  return BrokerAnswer{std::string("served")};  // the answer of getBrokerName
+                },
+                BrokerConnection::kUntilClosed);
       }
     });
   }
