@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "log/log.h"
+#include "network/detail/kxsoapio.h"
 #include "thread/kxtask.h"
 
 namespace KX {
@@ -102,8 +103,7 @@ class KXNetworkServer::Connection {
     context->fclosesocket = shutdownOnly;
     // The copy shares the listening socket; only the server closes it.
     context->master = SOAP_INVALID_SOCKET;
-    context->recv_timeout = timeouts.receiveSeconds;
-    context->send_timeout = timeouts.sendSeconds;
+    useKernelTimeouts(context.get(), timeouts.receiveSeconds, timeouts.sendSeconds);
     context->bufidx = 0;
     context->buflen = 0;
     return context;

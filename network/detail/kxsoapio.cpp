@@ -1,6 +1,11 @@
 #include "network/detail/kxsoapio.h"
 
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <string_view>
 #include <vector>
 
@@ -172,6 +177,53 @@ int sendResponseEnvelope(struct soap* soap, const std::string& envelope, bool wi
     return soap->error;
   }
   return SOAP_OK;
+}
+
+namespace {
+
+int sendAll(struct soap* soap, const char* bytes, std::size_t size) {
+  while (size > 0) {
+    const ssize_t sent = ::send(soap->socket, bytes, size, MSG_NOSIGNAL);
+    if (sent < 0) {
+      if (errno == EINTR) continue;
+      soap->errnum = errno;  // EAGAIN: the send timeout
+      return SOAP_EOF;
+    }
+    bytes += sent;
+    size -= static_cast<std::size_t>(sent);
+  }
+  return SOAP_OK;
+}
+
+std::size_t receiveSome(struct soap* soap, char* bytes, std::size_t size) {
+  for (;;) {
+    const ssize_t received = ::recv(soap->socket, bytes, size, 0);
+    if (received >= 0) return static_cast<std::size_t>(received);
+    if (errno != EINTR) {
+      soap->errnum = errno;  // EAGAIN: the receive timeout
+      return 0;
+    }
+  }
+}
+
+void setSocketTimeout(int socket, int option, int seconds) {
+  const timeval timeout{seconds, 0};
+  ::setsockopt(socket, SOL_SOCKET, option, &timeout, sizeof(timeout));
+}
+
+}  // namespace
+
+void useKernelTimeouts(struct soap* soap, int receiveSeconds, int sendSeconds) {
+  const int flags = ::fcntl(soap->socket, F_GETFL);
+  if (flags >= 0 && (flags & O_NONBLOCK) != 0) {
+    ::fcntl(soap->socket, F_SETFL, flags & ~O_NONBLOCK);
+  }
+  setSocketTimeout(soap->socket, SO_RCVTIMEO, receiveSeconds);
+  setSocketTimeout(soap->socket, SO_SNDTIMEO, sendSeconds);
+  soap->recv_timeout = 0;
+  soap->send_timeout = 0;
+  soap->fsend = sendAll;
+  soap->frecv = receiveSome;
 }
 
 int finishSoapReceive(struct soap* soap) {

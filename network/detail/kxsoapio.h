@@ -43,6 +43,12 @@ int sendResponseEnvelope(struct soap* soap, const std::string& envelope, bool wi
 int sendFramedMessage(struct soap* soap, const char* endpoint, int status,
                       const std::function<int()>& putBody);
 
+// Makes the connection of `soap` wait on its socket without asking the runtime to check
+// readiness before every receive and send: the socket blocks, and the kernel ends a
+// receive or a send that waits longer than the given seconds (0: no limit), which fails the
+// message as a broken connection would.
+void useKernelTimeouts(struct soap* soap, int receiveSeconds, int sendSeconds);
+
 // Ends the reading of a message whose envelope readSoapEnvelope has read: reads its DIME
 // attachments (into soap->dime.list). SOAP_OK or the runtime's error.
 int finishSoapReceive(struct soap* soap);
