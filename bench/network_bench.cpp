@@ -10,11 +10,17 @@
 //      few seconds after a barrier.
 // Knobs (environment): BENCH_WARMUP (1000), BENCH_N (20000), BENCH_NB (200),
 // BENCH_C_SECONDS (3), BENCH_C_CLIENTS (8), BENCH_A_CAP_S (60), BENCH_WORKLOADS ("ABC"),
-// BENCH_TAG (suffix of the workload label).
+// BENCH_TAG (suffix of the workload label), BENCH_IDLE_CONNECTIONS (0: connections opened
+// to the server before the workloads and left idle, never sending, as careless clients leave
+// them; compare A with and without, BENCH_TAG telling the runs apart).
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -382,15 +388,53 @@ bool runGuarded(const char* label, const std::function<void()>& workload) {
   }
 }
 
+// Connections to the server that never send anything, closed with this.
+class IdleConnections {
+ public:
+  IdleConnections(int port, long count) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    for (long i = 0; i < count; ++i) {
+      const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+      if (fd < 0) throw std::runtime_error("idle connection: " + std::string(strerror(errno)));
+      sockets_.push_back(fd);
+      if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        throw std::runtime_error("idle connection: " + std::string(strerror(errno)));
+      }
+    }
+  }
+  ~IdleConnections() {
+    for (const int fd : sockets_) ::close(fd);
+  }
+  IdleConnections(const IdleConnections&) = delete;
+  IdleConnections& operator=(const IdleConnections&) = delete;
+
+ private:
+  std::vector<int> sockets_;
+};
+
+// Thousands of connections need more descriptors than the usual soft limit of 1024.
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
 }  // namespace
 
 int main() {
   signal(SIGPIPE, SIG_IGN);
+  raiseDescriptorLimit();  // inherited by the server
   bool allPassed = true;
   try {
     // Started before this process has any broker (and its threads), so the fork is plain.
     ServerProcess server(serverPath());
     const int port = server.port();
+    const IdleConnections idle(port, envLong("BENCH_IDLE_CONNECTIONS", 0));
     if (wanted('A')) allPassed &= runGuarded("velmo-cpp A", [port] { workloadA(port); });
     if (wanted('B')) allPassed &= runGuarded("velmo-cpp B", [port] { workloadB(port); });
     if (wanted('C')) allPassed &= runGuarded("velmo-cpp C", [port] { workloadC(port); });

@@ -206,12 +206,10 @@ BrokerConnection::BrokerConnection(struct soap* soap)
 BrokerConnection::State BrokerConnection::serve(const BrokerRequestHandler& handler,
                                                 std::chrono::milliseconds linger) {
   struct soap* soap = soap_;
-  bool first = true;
   do {
-    if (!first && linger != kUntilClosed && !requestBegun(soap, linger)) {
+    if (linger != kUntilClosed && !requestBegun(soap, linger)) {
       return State::Idle;
     }
-    first = false;
     if (soap->keep_alive > 0 && soap->max_keep_alive > 0) {
       --soap->keep_alive;
     }

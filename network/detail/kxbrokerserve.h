@@ -54,9 +54,8 @@ class BrokerConnection {
   // `soap`: a copy of the server context bound to an accepted socket; it outlives this.
   explicit BrokerConnection(struct soap* soap);
 
-  // Serves one round; the first request is read at once. Closed when the peer closed the
-  // connection, keep-alive ended, or the HTTP framing or the socket failed (the socket is
-  // then closed).
+  // Serves one round. Closed when the peer closed the connection, keep-alive ended, or the
+  // HTTP framing or the socket failed (the socket is then closed).
   State serve(const BrokerRequestHandler& handler, std::chrono::milliseconds linger);
 
  private:
