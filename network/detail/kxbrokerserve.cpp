@@ -2,11 +2,9 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <exception>
 #include <string>
@@ -88,20 +86,6 @@ class PendingInput {
   const std::string bytes_;
   const soap_wchar ahead_;
 };
-
-// True when the next request has begun to arrive (or the peer closed) within `linger`:
-// bytes already read ahead need no wait.
-bool requestBegun(struct soap* soap, std::chrono::milliseconds linger) {
-  if (soap->bufidx < soap->buflen || soap->ahead != 0) {
-    return true;
-  }
-  pollfd watched{soap->socket, POLLIN, 0};
-  int ready;
-  do {
-    ready = ::poll(&watched, 1, static_cast<int>(linger.count()));
-  } while (ready < 0 && errno == EINTR);
-  return ready != 0;  // a poll failure is seen by the read that follows
-}
 
 // The peer's address as text ("" when the socket cannot say).
 std::string peerAddress(SOAP_SOCKET socket) {
@@ -204,10 +188,10 @@ BrokerConnection::BrokerConnection(struct soap* soap)
 }
 
 BrokerConnection::State BrokerConnection::serve(const BrokerRequestHandler& handler,
-                                                std::chrono::milliseconds linger) {
+                                                Rounds rounds) {
   struct soap* soap = soap_;
   do {
-    if (linger != kUntilClosed && !requestBegun(soap, linger)) {
+    if (rounds == Rounds::UntilIdle && !receiveWithinWake(soap)) {
       return State::Idle;
     }
     if (soap->keep_alive > 0 && soap->max_keep_alive > 0) {

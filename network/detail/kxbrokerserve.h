@@ -8,7 +8,6 @@
 
 #include <stdsoap2.h>
 
-#include <chrono>
 #include <functional>
 #include <string>
 
@@ -34,9 +33,10 @@ using BrokerRequestHandler =
     std::function<BrokerAnswer(BrokerRequest& request, const BrokerPeer& peer)>;
 
 // One accepted connection of the broker protocol, served in rounds: a round serves the
-// requests that arrive one after the other, and ends when none has begun within a linger
-// time (the connection is then idle, still open, and the next round serves it once its next
-// request arrives) or when the connection closes.
+// requests that arrive one after the other, and ends when the connection closes or, for a
+// connection set up by useKernelTimeouts, when no request has begun within its wake time
+// (the connection is then idle, still open, and the next round serves it once its next
+// request arrives).
 //
 // A request that cannot be read or carried out gets its fault and the connection goes on
 // serving. At most soap->max_keep_alive requests are served (0: no limit). Binary leaves of
@@ -47,16 +47,14 @@ class BrokerConnection {
  public:
   enum class State { Idle, Closed };
 
-  // The linger that waits for the next request as long as the receive timeout allows: the
-  // round ends only with the connection.
-  static constexpr std::chrono::milliseconds kUntilClosed{-1};
+  enum class Rounds { UntilIdle, UntilClosed };
 
   // `soap`: a copy of the server context bound to an accepted socket; it outlives this.
   explicit BrokerConnection(struct soap* soap);
 
   // Serves one round. Closed when the peer closed the connection, keep-alive ended, or the
   // HTTP framing or the socket failed (the socket is then closed).
-  State serve(const BrokerRequestHandler& handler, std::chrono::milliseconds linger);
+  State serve(const BrokerRequestHandler& handler, Rounds rounds);
 
  private:
   struct soap* const soap_;

@@ -84,7 +84,7 @@ class KXNetworkServer::Connection {
   int socket() const { return socket_; }
 
   BrokerConnection::State serve(const BrokerRequestHandler& handler) {
-    return broker_.serve(handler, kLinger);
+    return broker_.serve(handler, BrokerConnection::Rounds::UntilIdle);
   }
 
   // Ends the exchange at once: the serving round sees the connection closed, the watch
@@ -103,7 +103,7 @@ class KXNetworkServer::Connection {
     context->fclosesocket = shutdownOnly;
     // The copy shares the listening socket; only the server closes it.
     context->master = SOAP_INVALID_SOCKET;
-    useKernelTimeouts(context.get(), timeouts.receiveSeconds, timeouts.sendSeconds);
+    useKernelTimeouts(context.get(), kLinger, timeouts.receiveSeconds, timeouts.sendSeconds);
     context->bufidx = 0;
     context->buflen = 0;
     return context;

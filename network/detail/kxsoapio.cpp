@@ -3,15 +3,18 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <string_view>
 #include <vector>
 
 #include "network/detail/kxbrokermessage.h"
 #include "network/detail/kxbrokerwriter.h"
 #include "network/detail/kxdimebuffers.h"
+#include "network/detail/kxsoapstate.h"
 #include "network/detail/kxvaluesoap.h"
 
 namespace KX {
@@ -145,6 +148,65 @@ void prepareKnownLength(struct soap* soap, std::size_t length) {
   soap->count = length;
 }
 
+// True when the connection is open and its peer has not closed it (nor sent anything
+// unasked, which would leave the next answer in doubt).
+bool stillOpen(const struct soap* soap) {
+  if (!soap_valid_socket(soap->socket)) {
+    return false;
+  }
+  char byte;
+  return ::recv(soap->socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 &&
+         (errno == EAGAIN || errno == EWOULDBLOCK);
+}
+
+// True when a request can go on the connection the runtime opened earlier, with a head
+// written here as the runtime writes it (not for a host that needs brackets or the default
+// port, which the runtime writes otherwise).
+bool reusable(const struct soap* soap) {
+  return soap->port != 80 && std::strchr(soap->host, ':') == nullptr && stillOpen(soap);
+}
+
+// Sends a request on a reusable connection: the HTTP head leaves with the envelope in one
+// system call. (The runtime's own connect would first clear its tables and look at the
+// socket again.) False when the socket failed (errnum set).
+bool sendOnOpenConnection(struct soap* soap, const std::string& envelope) {
+  std::string head;
+  head.reserve(256);
+  head.append("POST ").append(soap->path).append(" HTTP/").append(soap->http_version);
+  head.append("\r\nHost: ").append(soap->host).append(":").append(std::to_string(soap->port));
+  head.append("\r\nUser-Agent: gSOAP/2.8\r\nContent-Type: text/xml; charset=utf-8");
+  head.append("\r\nContent-Length: ").append(std::to_string(envelope.size()));
+  head.append("\r\nConnection: keep-alive\r\n");
+  if (soap->bearer != nullptr) {
+    head.append("Authorization: Bearer ").append(soap->bearer).append("\r\n");
+  }
+  head.append("SOAPAction: \"\"\r\n\r\n");
+  iovec parts[2] = {{head.data(), head.size()},
+                    {const_cast<char*>(envelope.data()), envelope.size()}};
+  msghdr message{};
+  message.msg_iov = parts;
+  message.msg_iovlen = 2;
+  while (message.msg_iovlen > 0) {
+    const ssize_t sent = ::sendmsg(soap->socket, &message, MSG_NOSIGNAL);
+    if (sent < 0) {
+      if (errno == EINTR) continue;
+      soap->errnum = errno;
+      return false;
+    }
+    std::size_t done = static_cast<std::size_t>(sent);
+    while (message.msg_iovlen > 0 && done >= message.msg_iov->iov_len) {
+      done -= message.msg_iov->iov_len;
+      ++message.msg_iov;
+      --message.msg_iovlen;
+    }
+    if (message.msg_iovlen > 0) {
+      message.msg_iov->iov_base = static_cast<char*>(message.msg_iov->iov_base) + done;
+      message.msg_iov->iov_len -= done;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 int sendRequestEnvelope(struct soap* soap, const char* endpoint, const std::string& envelope,
@@ -158,6 +220,13 @@ int sendRequestEnvelope(struct soap* soap, const char* endpoint, const std::stri
     return SOAP_OK;
   }
   prepareKnownLength(soap, envelope.size());
+  if (reusable(soap)) {
+    if (sendOnOpenConnection(soap, envelope)) {
+      return SOAP_OK;
+    }
+    soap->error = SOAP_EOF;
+    return soap_closesock(soap);
+  }
   if (soap_connect(soap, endpoint, "") != SOAP_OK ||
       soap_send_raw(soap, envelope.data(), envelope.size()) != SOAP_OK ||
       soap_end_send(soap) != SOAP_OK) {
@@ -195,35 +264,70 @@ int sendAll(struct soap* soap, const char* bytes, std::size_t size) {
   return SOAP_OK;
 }
 
+// How long a receive may wait for its bytes on a connection set up by useKernelTimeouts.
+struct ReceiveLimit {
+  static constexpr char kPluginId[] = "KXReceiveLimit";
+  int seconds = 0;  // 0: no limit
+};
+
+bool wouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
+
 std::size_t receiveSome(struct soap* soap, char* bytes, std::size_t size) {
+  std::chrono::steady_clock::time_point waitingSince;  // set at the first wake
   for (;;) {
     const ssize_t received = ::recv(soap->socket, bytes, size, 0);
     if (received >= 0) return static_cast<std::size_t>(received);
-    if (errno != EINTR) {
-      soap->errnum = errno;  // EAGAIN: the receive timeout
-      return 0;
+    if (errno == EINTR) continue;
+    if (wouldBlock(errno)) {
+      // The wake: only a slow peer gets here, so the time is asked only then.
+      const auto now = std::chrono::steady_clock::now();
+      if (waitingSince == std::chrono::steady_clock::time_point()) waitingSince = now;
+      const int limit = KXSoapState<ReceiveLimit>::of(soap)->seconds;
+      if (limit == 0 || now - waitingSince < std::chrono::seconds(limit)) continue;
     }
+    soap->errnum = errno;  // EAGAIN: the receive timeout
+    return 0;
   }
 }
 
-void setSocketTimeout(int socket, int option, int seconds) {
-  const timeval timeout{seconds, 0};
-  ::setsockopt(socket, SOL_SOCKET, option, &timeout, sizeof(timeout));
+void setSocketTimeout(int socket, int option, std::chrono::milliseconds timeout) {
+  const timeval value{static_cast<time_t>(timeout.count() / 1000),
+                      static_cast<suseconds_t>(timeout.count() % 1000 * 1000)};
+  ::setsockopt(socket, SOL_SOCKET, option, &value, sizeof(value));
 }
 
 }  // namespace
 
-void useKernelTimeouts(struct soap* soap, int receiveSeconds, int sendSeconds) {
+void useKernelTimeouts(struct soap* soap, std::chrono::milliseconds wake, int receiveSeconds,
+                       int sendSeconds) {
   const int flags = ::fcntl(soap->socket, F_GETFL);
   if (flags >= 0 && (flags & O_NONBLOCK) != 0) {
     ::fcntl(soap->socket, F_SETFL, flags & ~O_NONBLOCK);
   }
-  setSocketTimeout(soap->socket, SO_RCVTIMEO, receiveSeconds);
-  setSocketTimeout(soap->socket, SO_SNDTIMEO, sendSeconds);
+  setSocketTimeout(soap->socket, SO_RCVTIMEO, wake);
+  setSocketTimeout(soap->socket, SO_SNDTIMEO, std::chrono::seconds(sendSeconds));
+  KXSoapState<ReceiveLimit>::install(soap);
+  KXSoapState<ReceiveLimit>::of(soap)->seconds = receiveSeconds;
   soap->recv_timeout = 0;
   soap->send_timeout = 0;
   soap->fsend = sendAll;
   soap->frecv = receiveSome;
+}
+
+bool receiveWithinWake(struct soap* soap) {
+  if (soap->bufidx < soap->buflen || soap->ahead != 0) {
+    return true;
+  }
+  for (;;) {
+    const ssize_t received = ::recv(soap->socket, soap->buf, sizeof(soap->buf), 0);
+    if (received > 0) {
+      soap->bufidx = 0;
+      soap->buflen = static_cast<std::size_t>(received);
+      return true;
+    }
+    if (received < 0 && errno == EINTR) continue;
+    return received == 0 || !wouldBlock(errno);
+  }
 }
 
 int finishSoapReceive(struct soap* soap) {

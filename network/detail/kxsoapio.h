@@ -3,6 +3,7 @@
 
 #include <stdsoap2.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 
@@ -26,7 +27,8 @@ int attachBinaries(struct soap* soap, const KXValue* value);
 void takeAttachments(struct soap* soap, KXValue& value);
 
 // Sends a whole request envelope written by writeBrokerRequest as an HTTP POST to
-// `endpoint`, connecting first when the connection is not open; `withAttachments`: as a DIME
+// `endpoint`, connecting first when the connection is not open (a context serves one
+// endpoint: an open connection is the one to `endpoint`); `withAttachments`: as a DIME
 // message with the attachments that attachBinaries queued. SOAP_OK or the runtime's error
 // (the socket is then closed).
 int sendRequestEnvelope(struct soap* soap, const char* endpoint, const std::string& envelope,
@@ -44,10 +46,18 @@ int sendFramedMessage(struct soap* soap, const char* endpoint, int status,
                       const std::function<int()>& putBody);
 
 // Makes the connection of `soap` wait on its socket without asking the runtime to check
-// readiness before every receive and send: the socket blocks, and the kernel ends a
-// receive or a send that waits longer than the given seconds (0: no limit), which fails the
-// message as a broken connection would.
-void useKernelTimeouts(struct soap* soap, int receiveSeconds, int sendSeconds);
+// readiness before every receive and send: the socket blocks, the kernel wakes a receive
+// that has waited `wake` (so that it can look at the time) and ends a send that waited
+// `sendSeconds`. A receive that has waited `receiveSeconds` for its bytes (0: no limit), or
+// a send that timed out, fails the message as a broken connection would.
+void useKernelTimeouts(struct soap* soap, std::chrono::milliseconds wake, int receiveSeconds,
+                       int sendSeconds);
+
+// On a connection set up by useKernelTimeouts: reads what has arrived into the context's
+// input buffer, waiting at most the wake time. False when nothing came (the peer is idle);
+// true when bytes are there (or were already), the peer closed, or the socket failed: the
+// read that follows tells which.
+bool receiveWithinWake(struct soap* soap);
 
 // Ends the reading of a message whose envelope readSoapEnvelope has read: reads its DIME
 // attachments (into soap->dime.list). SOAP_OK or the runtime's error.

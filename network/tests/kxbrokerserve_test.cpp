@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "network/detail/kxsoapcontext.h"
+#include "network/detail/kxsoapio.h"
 #include "network/tests/wire_test_support.h"
 #include "value/tests/value_test_util.h"
 
@@ -83,11 +84,12 @@ class ServeTest : public ::testing::Test {
         ++accepted_;
         KXSoapContext connection = KXSoapContext::copyOf(server_);
         // In short rounds, as a broker serves: every wait for a next request ends the round.
+        useKernelTimeouts(connection.get(), std::chrono::milliseconds(5), 10, 10);
         BrokerConnection served(connection.get());
         const auto handler = [this](BrokerRequest& request, const BrokerPeer& peer) {
           return answer(request, peer);
         };
-        while (!stop_ && served.serve(handler, std::chrono::milliseconds(5)) ==
+        while (!stop_ && served.serve(handler, BrokerConnection::Rounds::UntilIdle) ==
                              BrokerConnection::State::Idle) {
         }
       }

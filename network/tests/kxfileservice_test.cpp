@@ -130,7 +130,7 @@ class KXFileServiceTest : public ::testing::Test {
                   ++handled_;
                   return BrokerAnswer{std::string("served")};  // the answer of getBrokerName
                 },
-                BrokerConnection::kUntilClosed);
+                BrokerConnection::Rounds::UntilClosed);
       }
     });
   }
