@@ -55,10 +55,15 @@ bool KXConnection::receiveEnvelope(std::string& envelope) {
     std::lock_guard<std::mutex> guard(socketLock_);
     activeSocket_ = soap->socket;
   }
-  const int began = soap_begin_recv(soap);
+  // Our own brokers answer plainly; anything else is read by the runtime.
+  const PlainAnswer plain = readPlainAnswer(soap, envelope);
+  const int began = plain == PlainAnswer::NotPlain ? soap_begin_recv(soap) : SOAP_OK;
   {
     std::lock_guard<std::mutex> guard(socketLock_);
     activeSocket_ = -1;
+  }
+  if (plain != PlainAnswer::NotPlain) {
+    return plain == PlainAnswer::Read;
   }
   if (began != SOAP_OK) {
     return false;

@@ -6,6 +6,7 @@
 #include <sys/uio.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -328,6 +329,86 @@ bool receiveWithinWake(struct soap* soap) {
     if (received < 0 && errno == EINTR) continue;
     return received == 0 || !wouldBlock(errno);
   }
+}
+
+namespace {
+
+// The value of header `name` (with its colon, lower case) in `head`, blanks trimmed; the
+// head's lines end with CRLF. Empty when absent.
+std::string_view headerValue(std::string_view head, std::string_view name) {
+  for (std::size_t line = head.find("\r\n"); line != std::string_view::npos;
+       line = head.find("\r\n", line + 2)) {
+    const std::string_view rest = head.substr(line + 2);
+    if (rest.size() < name.size()) break;
+    bool same = true;
+    for (std::size_t i = 0; i < name.size() && same; ++i) {
+      same = std::tolower(static_cast<unsigned char>(rest[i])) == name[i];
+    }
+    if (!same) continue;
+    std::string_view value = rest.substr(name.size(), rest.find("\r\n") - name.size());
+    while (!value.empty() && (value.front() == ' ' || value.front() == '\t'))
+      value.remove_prefix(1);
+    while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) value.remove_suffix(1);
+    return value;
+  }
+  return std::string_view();
+}
+
+}  // namespace
+
+PlainAnswer readPlainAnswer(struct soap* soap, std::string& envelope) {
+  if (soap->ahead != 0) {
+    return PlainAnswer::NotPlain;
+  }
+  if (soap->bufidx > 0) {  // what the last message left: moved to the front
+    std::memmove(soap->buf, soap->buf + soap->bufidx, soap->buflen - soap->bufidx);
+    soap->buflen -= soap->bufidx;
+    soap->bufidx = 0;
+  }
+  std::size_t headEnd;
+  for (;;) {
+    const std::string_view buffered(soap->buf, soap->buflen);
+    headEnd = buffered.find("\r\n\r\n");
+    if (headEnd != std::string_view::npos) break;
+    if (soap->buflen == sizeof(soap->buf)) return PlainAnswer::NotPlain;
+    const std::size_t received =
+        soap->frecv(soap, soap->buf + soap->buflen, sizeof(soap->buf) - soap->buflen);
+    if (received == 0) return PlainAnswer::NotPlain;  // the runtime's read reports it
+    soap->buflen += received;
+  }
+  const std::string_view head(soap->buf, headEnd + 2);
+  const std::string_view length = headerValue(head, "content-length:");
+  if (!(head.substr(0, 13) == "HTTP/1.1 200 " || head.substr(0, 13) == "HTTP/1.0 200 ") ||
+      headerValue(head, "content-type:").substr(0, 8) != "text/xml" || length.empty() ||
+      length.find_first_not_of("0123456789") != std::string_view::npos || length.size() > 9 ||
+      !headerValue(head, "transfer-encoding:").empty() ||
+      !headerValue(head, "content-encoding:").empty()) {
+    return PlainAnswer::NotPlain;
+  }
+  const std::size_t size = std::stoul(std::string(length));
+  if (size > kBrokerMessageMaxBytes) {
+    return PlainAnswer::NotPlain;
+  }
+  const std::string_view connection = headerValue(head, "connection:");
+  const bool keptAlive = head[7] == '1' ? connection != "close" : connection == "keep-alive";
+  // The envelope: what is buffered, then the rest straight into its place.
+  const std::size_t bodyAt = headEnd + 4;
+  const std::size_t buffered = std::min(size, soap->buflen - bodyAt);
+  envelope.assign(soap->buf + bodyAt, buffered);
+  soap->bufidx = bodyAt + buffered;
+  envelope.resize(size);
+  for (std::size_t at = buffered; at < size;) {
+    const std::size_t received = soap->frecv(soap, &envelope[at], size - at);
+    if (received == 0) {
+      soap->error = SOAP_EOF;
+      return PlainAnswer::Failed;
+    }
+    at += received;
+  }
+  if (!keptAlive) {
+    soap->keep_alive = 0;
+  }
+  return PlainAnswer::Read;
 }
 
 int finishSoapReceive(struct soap* soap) {

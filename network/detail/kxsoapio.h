@@ -59,6 +59,15 @@ void useKernelTimeouts(struct soap* soap, std::chrono::milliseconds wake, int re
 // read that follows tells which.
 bool receiveWithinWake(struct soap* soap);
 
+// Reads an answer framed plainly (HTTP status 200, Content-Type text/xml, a Content-Length,
+// no other transfer or content encoding) without the runtime's per-message work: the
+// envelope into `envelope`, keep-alive taken from the head. NotPlain for any other answer,
+// whose bytes then stay in the input buffer for soap_begin_recv to read, and when the
+// connection failed before the head was whole (the runtime's read reports it). Failed (the
+// runtime's error set) when the connection failed within the envelope.
+enum class PlainAnswer { Read, NotPlain, Failed };
+PlainAnswer readPlainAnswer(struct soap* soap, std::string& envelope);
+
 // Ends the reading of a message whose envelope readSoapEnvelope has read: reads its DIME
 // attachments (into soap->dime.list). SOAP_OK or the runtime's error.
 int finishSoapReceive(struct soap* soap);
