@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <map>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -39,16 +38,14 @@ inline std::string dimeRecord(bool first, bool last, unsigned char typeFormat,
                               const std::string& id, const std::string& type,
                               const std::string& data,
                               std::optional<std::uint32_t> declaredSize = std::nullopt) {
-  const std::uint32_t size = declaredSize.value_or(static_cast<std::uint32_t>(data.size()));
+  const std::uint32_t lengths[] = {static_cast<std::uint32_t>(id.size() << 16 | type.size()),
+                                   declaredSize.value_or(static_cast<std::uint32_t>(data.size()))};
   std::string record = {static_cast<char>(0x08 | (first ? 0x04 : 0) | (last ? 0x02 : 0)),
-                        static_cast<char>(typeFormat),
-                        0,
-                        0,
-                        static_cast<char>(id.size() >> 8),
-                        static_cast<char>(id.size()),
-                        static_cast<char>(type.size() >> 8),
-                        static_cast<char>(type.size())};
-  for (int shift = 24; shift >= 0; shift -= 8) record.push_back(static_cast<char>(size >> shift));
+                        static_cast<char>(typeFormat), 0, 0};
+  for (const std::uint32_t length : lengths) {
+    for (int shift = 24; shift >= 0; shift -= 8)
+      record.push_back(static_cast<char>(length >> shift));
+  }
   for (const std::string* field : {&id, &type, &data}) {
     record += *field;
     record.append((4 - field->size() % 4) % 4, '\0');
@@ -107,7 +104,7 @@ class ServeTest : public ::testing::Test {
       oneWay_.push_back(drop->moduleName);
     }
     auto* call = std::get_if<protocol::CallVelmo>(&request);
-    if (call == nullptr) return canned_[brokerOperationName(request)];
+    if (call == nullptr) return BrokerAnswer();  // callVelmo answers after its method name
     if (call->meth == "fail") KX_THROW("Calculator", "divide", "division by zero");
     if (call->meth == "std") throw std::runtime_error("no memory");
     if (call->meth == "wrong") return 1;
@@ -135,8 +132,6 @@ class ServeTest : public ::testing::Test {
                     false);
   }
 
-  // The answers of the handler, by operation; callVelmo answers after its method name.
-  std::map<std::string, BrokerAnswer> canned_ = {{"callVelmo2", KXValue(4)}};
   KXSoapContext server_;
   int port_ = 0;
   std::atomic<bool> stop_{false};
@@ -160,14 +155,9 @@ TEST_F(ServeTest, AnswersAndFaultsAreFramedAndLeaveTheConnectionOpen) {
       {callRequest("Calc", "std", KXValue()), fault("no memory")},
       {callRequest("Calc", "wrong", KXValue()),
        fault("the answer to callVelmo is of another type")},
-      {envelope(operation("frobnicate")),
-       fault("Method 'kxbroker:frobnicate' not implemented: method name or namespace not "
-             "recognized")},
       {callRequest("M", "echo", arrayOf("a&b", 1.5f)), wire::callAnswer(arrayOf("a&b", 1.5f))},
       {callRequest("M", "peer", KXValue()),
        wire::callAnswer(arrayOf("http://127.0.0.1:" + port + "/", "127.0.0.1"))},
-      {callRequest("M", "m", KXValue(), "callVelmo2"),
-       envelope(operation("callVelmo2Response", wire::valueChild("kxbroker:return", 4)))},
   };
   WireConnection connection(port_);
   for (const auto& c : cases) {

@@ -164,14 +164,19 @@ struct HttpReply {
 class WireConnection {
  public:
   explicit WireConnection(int port) : port_(port), fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
-    const timeval timeout{kSocketTimeoutSeconds, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-    setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+    limitWaits();
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+  }
+  // Takes over an accepted socket: the server's side of a connection.
+  struct Accepted {
+    int fd;
+  };
+  explicit WireConnection(Accepted accepted) : port_(0), fd_(accepted.fd), connected_(true) {
+    limitWaits();
   }
   ~WireConnection() { close(); }
   WireConnection(const WireConnection&) = delete;
@@ -203,8 +208,9 @@ class WireConnection {
     return sendAll(postHeader(body.size(), contentType) + body);
   }
 
-  // Reads one HTTP answer framed by its Content-Length. Nothing when the connection closes
-  // or the receive times out first, or when the answer has no length.
+  // Reads one HTTP message (an answer, or on an accepted socket a request) framed by its
+  // Content-Length. Nothing when the connection closes or the receive times out first, or
+  // when the message has no length.
   std::optional<HttpReply> read() {
     std::size_t end = std::string::npos;
     while ((end = pending_.find("\r\n\r\n")) == std::string::npos) {
@@ -253,6 +259,12 @@ class WireConnection {
   }
 
  private:
+  void limitWaits() {
+    const timeval timeout{kSocketTimeoutSeconds, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+    setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+  }
+
   bool receiveMore() {
     char buffer[65536];
     ssize_t n = 0;
