@@ -12,11 +12,13 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <string>
 
 #include "broker/kxbroker.h"
+#include "log/log.h"
 #include "module/kxmodulecore.h"
 #include "value/kxerror.h"
 #include "value/kxvalue.h"
@@ -61,7 +63,7 @@ void waitForStop(int signalFd) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
   // The stop signals are read from a signalfd by this thread only: every thread the broker
   // starts inherits the mask.
   sigset_t stopSignals;
@@ -76,10 +78,17 @@ int main() {
     return 1;
   }
 
+  // Only what goes wrong: starting and stopping thousands of modules would drown it.
+  tu::log::setVerbosity(tu::log::warning);
   std::shared_ptr<KXBroker> broker;
   try {
     broker = KXBroker::createBroker("benchServer", "127.0.0.1", 0, "", 0, KXBroker::kKeepAlive);
     KX::createModule<Echo>(broker, "Echo");
+    // An optional count of modules in all: the others are there to be looked past.
+    const long modules = argc > 1 ? std::strtol(argv[1], nullptr, 10) : 1;
+    for (long i = 1; i < modules; ++i) {
+      KX::createModule<Echo>(broker, "Filler" + std::to_string(i));
+    }
   } catch (const KX::KXError& error) {
     std::cerr << "peer_bench_network_server: cannot start the broker:\n"
               << error.what() << std::endl;

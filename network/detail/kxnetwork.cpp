@@ -277,12 +277,14 @@ void KXNetwork::listenRequest() {
                       if (!pool->enqueue(task)) {
                         return false;
                       }
-                      // A request waits for no load check: the pool grows to the
-                      // connections waiting at once (up to its maximum).
-                      const int queued = pool->getQueueLength();
+                      // A request waits for no load check: the pool grows at once by the
+                      // connections waiting that no idle worker will take (up to its
+                      // maximum).
+                      const int idle = pool->getThreadCount() - pool->getBusyCount();
+                      const int waiting = pool->getQueueLength() - idle;
                       const int room = pool->getMaxThreadCount() - pool->getThreadCount();
-                      if (queued > 0 && room > 0) {
-                        pool->resize(std::min(queued, room));
+                      if (waiting > 0 && room > 0) {
+                        pool->resize(std::min(waiting, room));
                       }
                       return true;
                     });

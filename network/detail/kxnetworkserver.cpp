@@ -37,6 +37,19 @@ bool isTransientAcceptError(int error) {
 }
 
 constexpr std::chrono::milliseconds kAcceptRetryPause{100};
+
+// True when something (bytes, or the peer's close) can be read from `socket` at once.
+bool bytesWaiting(int socket) {
+  char byte;
+  return ::recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) >= 0 ||
+         (errno != EAGAIN && errno != EWOULDBLOCK);
+}
+
+// True when bytes of a request can be read from `socket` at once.
+bool requestWaiting(int socket) {
+  char byte;
+  return ::recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+}
 // The loop looks at its stop conditions and the idle connections' timeouts this often.
 constexpr std::chrono::milliseconds kRound{1000};
 
@@ -196,7 +209,9 @@ void KXNetworkServer::serveLoop(
       if (events[i].data.fd == master) {
         listeningOk = accept(enqueue);
       } else if (std::shared_ptr<Connection> connection = unpark(events[i].data.fd)) {
-        hand(connection, enqueue);
+        // A peer that left without a request to serve needs no worker to be closed.
+        const bool left = (events[i].events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
+        if (!left || requestWaiting(connection->socket())) hand(connection, enqueue);
       }
     }
     const auto now = std::chrono::steady_clock::now();
@@ -238,7 +253,11 @@ bool KXNetworkServer::accept(const std::function<bool(const std::shared_ptr<KXTa
   }
   // The accepted socket belongs to the connection now.
   server->socket = SOAP_INVALID_SOCKET;
-  hand(connection, enqueue);
+  // A connection whose first request is not there yet waits without a worker: a burst of
+  // clients that connect and stay silent must not grow the pool.
+  if (bytesWaiting(connection->socket()) || !park(connection)) {
+    hand(connection, enqueue);
+  }
   return true;
 }
 

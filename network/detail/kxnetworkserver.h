@@ -26,8 +26,8 @@ struct ServeTimeouts {
 
 // A broker's listening socket and its connections. A connection holds a pool worker only
 // while requests come: one loop (serveLoop) accepts connections and watches the idle ones
-// in one epoll set, and hands a connection to a serving task ("soap_serve") when it is new
-// or its next request arrives. The task serves the broker protocol (and HTTP GET, PUT,
+// in one epoll set, and hands a connection to a serving task ("soap_serve") when its next
+// (or first) request arrives. The task serves the broker protocol (and HTTP GET, PUT,
 // DELETE through the callbacks installed on the context) with its own copy of the server
 // context while requests follow each other, and gives the connection back once none has
 // begun within kLinger. An idle connection is closed after the receive timeout. stop()
