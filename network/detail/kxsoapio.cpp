@@ -162,9 +162,11 @@ bool stillOpen(const struct soap* soap) {
 
 // True when a request can go on the connection the runtime opened earlier, with a head
 // written here as the runtime writes it (not for a host that needs brackets or the default
-// port, which the runtime writes otherwise).
+// port, which the runtime writes otherwise), and sent by a blocking send (not when sends
+// have a time limit, which the runtime keeps).
 bool reusable(const struct soap* soap) {
-  return soap->port != 80 && std::strchr(soap->host, ':') == nullptr && stillOpen(soap);
+  return soap->send_timeout == 0 && soap->port != 80 && std::strchr(soap->host, ':') == nullptr &&
+         stillOpen(soap);
 }
 
 // Sends a request on a reusable connection: the HTTP head leaves with the envelope in one

@@ -62,7 +62,7 @@ Exchange exchange(const std::vector<std::string>& replies, const std::string& to
       [&] { result.requests = serveRequests(server.get(), replies, result.connections); });
   KXModuleInfo module;
   module.name = "Echo";
-  KXConnection connection("http://127.0.0.1:" + std::to_string(port), module, 10, token);
+  KXConnection connection("http://127.0.0.1:" + std::to_string(port), module, 0, token);
   for (std::size_t i = 0; i < replies.size(); ++i) {
     result.answers.push_back(connection.call<protocol::CallVelmo>("echo", KXValue("k")).answer);
   }
