@@ -74,11 +74,15 @@ BENCHMARK(BM_EchoPayload)
     ->Unit(benchmark::kMicrosecond)
     ->UseRealTime();
 
-void BM_SmallCallAmongModules(benchmark::State& state) {
-  const std::unique_ptr<KXProxy> proxy =
-      echoProxy(serverWith(static_cast<int>(state.range(0))).port());
+// Times small echo calls to the server on `port`.
+void timeSmallCalls(benchmark::State& state, int port) {
+  const std::unique_ptr<KXProxy> proxy = echoProxy(port);
   const KXValue arguments = argumentsOf(KXValue("key42"));
   for (auto _ : state) benchmark::DoNotOptimize(proxy->genericCall("echo", arguments));
+}
+
+void BM_SmallCallAmongModules(benchmark::State& state) {
+  timeSmallCalls(state, serverWith(static_cast<int>(state.range(0))).port());
 }
 BENCHMARK(BM_SmallCallAmongModules)
     ->Arg(1)
@@ -91,9 +95,7 @@ BENCHMARK(BM_SmallCallAmongModules)
 void BM_SmallCallBesideIdleConnections(benchmark::State& state) {
   const bench::ServerProcess& server = serverWith(1);
   const bench::IdleConnections idle(server.port(), static_cast<int>(state.range(0)));
-  const std::unique_ptr<KXProxy> proxy = echoProxy(server.port());
-  const KXValue arguments = argumentsOf(KXValue("key42"));
-  for (auto _ : state) benchmark::DoNotOptimize(proxy->genericCall("echo", arguments));
+  timeSmallCalls(state, server.port());
   state.counters["threads"] = countOf(server, "task");
 }
 BENCHMARK(BM_SmallCallBesideIdleConnections)
