@@ -38,7 +38,7 @@ std::string readTokenFile(const std::string& path) {
   if (!file) throw std::runtime_error(named + " cannot be read");
   std::getline(file, line);
   if (!line.empty() && line.back() == '\r') line.pop_back();
-  const std::string token = KX::trimBlanks(line);
+  const std::string token(KX::trimBlanks(line));
   const std::string problem = KX::tokenProblem(token);
   if (!problem.empty()) throw std::runtime_error(named + ": " + problem);
   return token;

@@ -57,7 +57,7 @@ void loadEnvironment(KXAccessSettings& settings) {
     while (start <= list.size()) {
       std::size_t end = list.find(',', start);
       if (end == std::string::npos) end = list.size();
-      const std::string name = trimBlanks(list.substr(start, end - start));
+      const std::string name(trimBlanks(list.substr(start, end - start)));
       if (!name.empty()) {
         settings.allowedHosts.insert(
             checkedHostName(name, "VELMO_ALLOWED_HOSTS", "VELMO_ALLOWED_HOSTS: "));

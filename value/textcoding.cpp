@@ -1,5 +1,7 @@
 #include "value/textcoding.h"
 
+#include <cctype>
+
 namespace KX {
 
 int hexDigitValue(char c) {
@@ -65,10 +67,21 @@ std::string percentDecode(const std::string& text) {
   return decoded;
 }
 
-std::string trimBlanks(const std::string& text) {
+std::string_view trimBlanks(std::string_view text) {
   const std::size_t first = text.find_first_not_of(" \t");
-  if (first == std::string::npos) return std::string();
+  if (first == std::string_view::npos) return std::string_view();
   return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+bool sameLetters(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (std::tolower(static_cast<unsigned char>(a[i])) !=
+        std::tolower(static_cast<unsigned char>(b[i]))) {
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace KX

@@ -2,6 +2,7 @@
 #define VELMO_VALUE_TEXTCODING_H_
 
 #include <string>
+#include <string_view>
 
 namespace KX {
 
@@ -32,8 +33,11 @@ std::string escapeXml(const std::string& text);
 // "%2E", not ".". Other '%' and '+' are kept.
 std::string percentDecode(const std::string& text);
 
-// `text` without the spaces and tabs around it.
-std::string trimBlanks(const std::string& text);
+// `text` without the spaces and tabs around it (a view into `text`).
+std::string_view trimBlanks(std::string_view text);
+
+// True when `a` and `b` are the same text but for the case of ASCII letters.
+bool sameLetters(std::string_view a, std::string_view b);
 
 }  // namespace KX
 

@@ -94,12 +94,12 @@ std::string echoed(const std::string& text) {
 
 std::optional<std::string> bearerToken(const std::optional<std::string>& authorization) {
   if (!authorization) return std::nullopt;
-  const std::string value = trimBlanks(*authorization);
+  const std::string value(trimBlanks(*authorization));
   constexpr std::size_t kSchemeLength = 7;  // "Bearer "
   if (value.size() <= kSchemeLength || lowercase(value.substr(0, kSchemeLength)) != "bearer ") {
     return std::nullopt;
   }
-  return trimBlanks(value.substr(kSchemeLength));
+  return std::string(trimBlanks(value.substr(kSchemeLength)));
 }
 
 bool startsWith(const std::string& text, const char* prefix) { return text.rfind(prefix, 0) == 0; }
@@ -107,11 +107,11 @@ bool startsWith(const std::string& text, const char* prefix) { return text.rfind
 }  // namespace
 
 std::optional<KXHostPort> parseHostHeader(const std::string& text) {
-  return parseAuthority(trimBlanks(text), 80);
+  return parseAuthority(std::string(trimBlanks(text)), 80);
 }
 
 std::optional<KXHostPort> parseHttpOrigin(const std::string& text) {
-  const std::string value = trimBlanks(text);
+  const std::string value(trimBlanks(text));
   constexpr const char* kScheme = "http://";
   if (lowercase(value.substr(0, 7)) != kScheme) return std::nullopt;
   const std::string rest = value.substr(7);
@@ -127,10 +127,10 @@ std::optional<std::string> cookieValue(const std::string& header, const std::str
   while (start <= header.size()) {
     std::size_t end = header.find(';', start);
     if (end == std::string::npos) end = header.size();
-    const std::string pair = trimBlanks(header.substr(start, end - start));
+    const std::string pair(trimBlanks(header.substr(start, end - start)));
     const std::size_t equals = pair.find('=');
     if (equals != std::string::npos && trimBlanks(pair.substr(0, equals)) == name) {
-      std::string value = trimBlanks(pair.substr(equals + 1));
+      std::string value(trimBlanks(pair.substr(equals + 1)));
       if (value.size() >= 2 && value.front() == '"' && value.back() == '"') {
         value = value.substr(1, value.size() - 2);
       }

@@ -421,17 +421,6 @@ struct PageAnswer {
   std::size_t bodyStart = 0;
 };
 
-bool sameLetters(const std::string& a, const char* b) {
-  std::size_t i = 0;
-  for (; i < a.size() && b[i] != '\0'; ++i) {
-    if (std::tolower(static_cast<unsigned char>(a[i])) !=
-        std::tolower(static_cast<unsigned char>(b[i]))) {
-      return false;
-    }
-  }
-  return i == a.size() && b[i] == '\0';
-}
-
 // Pages come as "HTTP/1.0 200\r\nContent-Type: text/xml\r\n\r\n<body>", or as a bare
 // body. Their own framing (no length, HTTP/1.0) would end the connection; only the status
 // and the content type are kept.

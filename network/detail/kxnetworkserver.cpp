@@ -38,18 +38,6 @@ bool isTransientAcceptError(int error) {
 
 constexpr std::chrono::milliseconds kAcceptRetryPause{100};
 
-// True when something (bytes, or the peer's close) can be read from `socket` at once.
-bool bytesWaiting(int socket) {
-  char byte;
-  return ::recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) >= 0 ||
-         (errno != EAGAIN && errno != EWOULDBLOCK);
-}
-
-// True when bytes of a request can be read from `socket` at once.
-bool requestWaiting(int socket) {
-  char byte;
-  return ::recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
-}
 // The loop looks at its stop conditions and the idle connections' timeouts this often.
 constexpr std::chrono::milliseconds kRound{1000};
 
@@ -211,7 +199,9 @@ void KXNetworkServer::serveLoop(
       } else if (std::shared_ptr<Connection> connection = unpark(events[i].data.fd)) {
         // A peer that left without a request to serve needs no worker to be closed.
         const bool left = (events[i].events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
-        if (!left || requestWaiting(connection->socket())) hand(connection, enqueue);
+        if (!left || inputOf(connection->socket()) == SocketInput::Bytes) {
+          hand(connection, enqueue);
+        }
       }
     }
     const auto now = std::chrono::steady_clock::now();
@@ -255,7 +245,7 @@ bool KXNetworkServer::accept(const std::function<bool(const std::shared_ptr<KXTa
   server->socket = SOAP_INVALID_SOCKET;
   // A connection whose first request is not there yet waits without a worker: a burst of
   // clients that connect and stay silent must not grow the pool.
-  if (bytesWaiting(connection->socket()) || !park(connection)) {
+  if (inputOf(connection->socket()) != SocketInput::Nothing || !park(connection)) {
     hand(connection, enqueue);
   }
   return true;

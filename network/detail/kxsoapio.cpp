@@ -6,7 +6,6 @@
 #include <sys/uio.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -17,6 +16,7 @@
 #include "network/detail/kxdimebuffers.h"
 #include "network/detail/kxsoapstate.h"
 #include "network/detail/kxvaluesoap.h"
+#include "value/textcoding.h"
 
 namespace KX {
 
@@ -152,12 +152,7 @@ void prepareKnownLength(struct soap* soap, std::size_t length) {
 // True when the connection is open and its peer has not closed it (nor sent anything
 // unasked, which would leave the next answer in doubt).
 bool stillOpen(const struct soap* soap) {
-  if (!soap_valid_socket(soap->socket)) {
-    return false;
-  }
-  char byte;
-  return ::recv(soap->socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 &&
-         (errno == EAGAIN || errno == EWOULDBLOCK);
+  return soap_valid_socket(soap->socket) && inputOf(soap->socket) == SocketInput::Nothing;
 }
 
 // True when a request can go on the connection the runtime opened earlier, with a head
@@ -211,6 +206,14 @@ bool sendOnOpenConnection(struct soap* soap, const std::string& envelope) {
 }
 
 }  // namespace
+
+SocketInput inputOf(int socket) {
+  char byte;
+  const ssize_t peeked = ::recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  if (peeked > 0) return SocketInput::Bytes;
+  return peeked < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? SocketInput::Nothing
+                                                                 : SocketInput::Ended;
+}
 
 int sendRequestEnvelope(struct soap* soap, const char* endpoint, const std::string& envelope,
                         bool withAttachments) {
@@ -335,23 +338,16 @@ bool receiveWithinWake(struct soap* soap) {
 
 namespace {
 
-// The value of header `name` (with its colon, lower case) in `head`, blanks trimmed; the
-// head's lines end with CRLF. Empty when absent.
+// The value of header `name` in `head` (whose lines end with CRLF), blanks trimmed; empty
+// when absent.
 std::string_view headerValue(std::string_view head, std::string_view name) {
   for (std::size_t line = head.find("\r\n"); line != std::string_view::npos;
        line = head.find("\r\n", line + 2)) {
-    const std::string_view rest = head.substr(line + 2);
-    if (rest.size() < name.size()) break;
-    bool same = true;
-    for (std::size_t i = 0; i < name.size() && same; ++i) {
-      same = std::tolower(static_cast<unsigned char>(rest[i])) == name[i];
+    const std::string_view field = head.substr(line + 2, head.find("\r\n", line + 2) - line - 2);
+    const std::size_t colon = field.find(':');
+    if (colon != std::string_view::npos && sameLetters(field.substr(0, colon), name)) {
+      return trimBlanks(field.substr(colon + 1));
     }
-    if (!same) continue;
-    std::string_view value = rest.substr(name.size(), rest.find("\r\n") - name.size());
-    while (!value.empty() && (value.front() == ' ' || value.front() == '\t'))
-      value.remove_prefix(1);
-    while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) value.remove_suffix(1);
-    return value;
   }
   return std::string_view();
 }
@@ -379,19 +375,19 @@ PlainAnswer readPlainAnswer(struct soap* soap, std::string& envelope) {
     soap->buflen += received;
   }
   const std::string_view head(soap->buf, headEnd + 2);
-  const std::string_view length = headerValue(head, "content-length:");
+  const std::string_view length = headerValue(head, "content-length");
   if (!(head.substr(0, 13) == "HTTP/1.1 200 " || head.substr(0, 13) == "HTTP/1.0 200 ") ||
-      headerValue(head, "content-type:").substr(0, 8) != "text/xml" || length.empty() ||
+      headerValue(head, "content-type").substr(0, 8) != "text/xml" || length.empty() ||
       length.find_first_not_of("0123456789") != std::string_view::npos || length.size() > 9 ||
-      !headerValue(head, "transfer-encoding:").empty() ||
-      !headerValue(head, "content-encoding:").empty()) {
+      !headerValue(head, "transfer-encoding").empty() ||
+      !headerValue(head, "content-encoding").empty()) {
     return PlainAnswer::NotPlain;
   }
   const std::size_t size = std::stoul(std::string(length));
   if (size > kBrokerMessageMaxBytes) {
     return PlainAnswer::NotPlain;
   }
-  const std::string_view connection = headerValue(head, "connection:");
+  const std::string_view connection = headerValue(head, "connection");
   const bool keptAlive = head[7] == '1' ? connection != "close" : connection == "keep-alive";
   // The envelope: what is buffered, then the rest straight into its place.
   const std::size_t bodyAt = headEnd + 4;

@@ -45,6 +45,11 @@ int sendResponseEnvelope(struct soap* soap, const std::string& envelope, bool wi
 int sendFramedMessage(struct soap* soap, const char* endpoint, int status,
                       const std::function<int()>& putBody);
 
+// What can be read from `socket` at once, without waiting: bytes, the end of the
+// connection (the peer's close, or a failure), or nothing yet.
+enum class SocketInput { Bytes, Ended, Nothing };
+SocketInput inputOf(int socket);
+
 // Makes the connection of `soap` wait on its socket without asking the runtime to check
 // readiness before every receive and send: the socket blocks, the kernel wakes a receive
 // that has waited `wake` (so that it can look at the time) and ends a send that waited

@@ -21,7 +21,7 @@ TEST(TextCodingTest, DecodesEscapesOnceAndEscapesWhatItIsToldTo) {
   EXPECT_EQ(std::to_string(hexDigitValue('a')) + std::to_string(hexDigitValue('F')) +
                 std::to_string(hexDigitValue('g')),
             "1015-1");
-  EXPECT_EQ(trimBlanks(" \t a b \t") + "|" + trimBlanks(" \t "), "a b|");
+  EXPECT_EQ(std::string(trimBlanks(" \t a b \t")) + "|" + std::string(trimBlanks(" \t ")), "a b|");
 }
 
 }  // namespace
