@@ -315,11 +315,6 @@ constexpr bool carriesAttachments() {
   }
 }
 
-// The element name of any request, without prefix ("callVelmo").
-inline const char* brokerOperationName(const BrokerRequest& request) {
-  return std::visit([](const auto& op) { return std::decay_t<decltype(op)>::kName; }, request);
-}
-
 }  // namespace KX
 
 #endif  // VELMO_NETWORK_DETAIL_KXBROKERPROTOCOL_H_

@@ -154,7 +154,7 @@ int serveRequest(struct soap* soap, const BrokerRequestHandler& handler,
         request);
     answer = handler(request, BrokerPeer{soap->endpoint, peerIp});
   } catch (const KXError& error) {
-    return oneWay ? SOAP_OK : sendFault(soap, kxErrorDescription(error), detail);
+    return oneWay ? SOAP_OK : sendFault(soap, error.description(), detail);
   } catch (const std::exception& error) {
     return oneWay ? SOAP_OK : sendFault(soap, error.what(), std::string());
   }
@@ -172,13 +172,11 @@ int serveRequest(struct soap* soap, const BrokerRequestHandler& handler,
   } catch (const KXError& error) {
     // Nothing has been sent yet when an answer cannot be built: the fault takes its place.
     soap_clr_dime(soap);
-    return sendFault(soap, kxErrorDescription(error), std::string());
+    return sendFault(soap, error.description(), std::string());
   }
 }
 
 }  // namespace
-
-std::string kxErrorDescription(const KXError& error) { return error.description(); }
 
 BrokerConnection::BrokerConnection(struct soap* soap)
     : soap_(soap), peerIp_(peerAddress(soap->socket)) {

@@ -61,9 +61,6 @@ class BrokerConnection {
   const std::string peerIp_;  // the peer of a connection does not change
 };
 
-// The description part of a KXError's text (what follows the module and method line).
-std::string kxErrorDescription(const KXError& error);
-
 }  // namespace KX
 
 #endif  // VELMO_NETWORK_DETAIL_KXBROKERSERVE_H_

@@ -73,7 +73,7 @@ class KXNetworkServer : public std::enable_shared_from_this<KXNetworkServer> {
   // Ends the loop and shuts every connection down.
   void stop();
 
-  // Connections open (served or idle), for the tests and the pages.
+  // Connections open, served or idle.
   std::size_t openConnectionCount() const;
 
  private:

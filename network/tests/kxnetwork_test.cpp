@@ -201,7 +201,8 @@ TEST_F(BrokerWireTest, EveryOperationIsCarriedOutOnTheAddressedBroker) {
       {SendBackIP{}, {"'10.0.0.9'"}},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(brokerOperationName(c.request));
+    SCOPED_TRACE(
+        std::visit([](const auto& op) { return std::decay_t<decltype(op)>::kName; }, c.request));
     EXPECT_EQ(outcome(c.request), c.outcome);
   }
   const std::vector<std::string> global = outcome(GetGlobalModuleList{});
