@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "network/detail/kxbrokerwriter.h"
+#include "network/detail/kxdimerecords.h"
 #include "network/detail/kxsoapio.h"
 #include "network/detail/kxvaluesoap.h"
 
@@ -42,14 +43,11 @@ int sendAnswer(struct soap* soap, const BrokerAnswer& answer) {
   }
   std::string envelope;
   writeBrokerAnswer<Op>(envelope, *typed);
-  bool withAttachments = false;
+  std::vector<const KXValue*> attachments;
   if constexpr (carriesAttachments<Op>()) {
-    withAttachments = hasBinaryLeaves(*typed);
-    if (withAttachments && attachBinaries(soap, typed) != SOAP_OK) {
-      return soap->error;
-    }
+    collectBinaryLeaves(*typed, attachments);
   }
-  return sendResponseEnvelope(soap, envelope, withAttachments);
+  return sendResponseEnvelope(soap, envelope, attachments);
 }
 
 // The module that a failing callVelmo or callVelmo2 names in its fault's detail.
@@ -148,7 +146,7 @@ int serveRequest(struct soap* soap, const BrokerRequestHandler& handler,
     std::visit(
         [soap](auto& op) {
           if constexpr (carriesAttachments<std::decay_t<decltype(op)>>()) {
-            if (soap->dime.list != nullptr) takeAttachments(soap, op.p);
+            takeAttachments(soap, op.p);
           }
         },
         request);

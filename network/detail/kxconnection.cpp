@@ -40,11 +40,11 @@ void KXConnection::authorize() {
 
 int KXConnection::sendEnvelope(const KXValue* attachmentsOf) {
   struct soap* soap = soap_.get();
-  const bool withAttachments = attachmentsOf != nullptr && hasBinaryLeaves(*attachmentsOf);
-  int sent = withAttachments ? attachBinaries(soap, attachmentsOf) : SOAP_OK;
-  if (sent == SOAP_OK) {
-    sent = sendRequestEnvelope(soap, endpoint_.c_str(), envelope_, withAttachments);
+  std::vector<const KXValue*> attachments;
+  if (attachmentsOf != nullptr) {
+    collectBinaryLeaves(*attachmentsOf, attachments);
   }
+  const int sent = sendRequestEnvelope(soap, endpoint_.c_str(), envelope_, attachments);
   soap_clr_dime(soap);
   return sent;
 }

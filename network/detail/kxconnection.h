@@ -7,6 +7,7 @@
 #include "module/kxmoduleinfo.h"
 #include "network/detail/kxbrokermessage.h"
 #include "network/detail/kxbrokerwriter.h"
+#include "network/detail/kxdimerecords.h"
 #include "network/detail/kxsoapcontext.h"
 #include "network/detail/kxsoapio.h"
 
@@ -116,7 +117,7 @@ BrokerReply<typename Op::Answer> KXConnection::exchangeFrom(const Fields& fields
       return reply;
     }
     if constexpr (carriesAttachments<Op>()) {
-      if (!reply.fault && soap_->dime.list != nullptr) takeAttachments(soap_.get(), reply.answer);
+      if (!reply.fault) takeAttachments(soap_.get(), reply.answer);
     }
     endAnswer();
   }

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "network/detail/kxdimebuffers.h"
+#include "network/detail/kxdimerecords.h"
 #include "value/kxerror.h"
 
 // The gSOAP runtime refers to this global table when it initialises a context; every
@@ -47,7 +47,7 @@ KXSoapContext::KXSoapContext() : soap_(soap_new2(kInputMode, kOutputMode)) {
   // Let the kernel size the socket buffers: large values go faster that way.
   soap_->sndbuf = 0;
   soap_->rcvbuf = 0;
-  installDimeBuffers(soap_);
+  installDimeRecords(soap_);
 }
 
 KXSoapContext::KXSoapContext(struct soap* adopted) : soap_(adopted) {}
@@ -74,7 +74,7 @@ KXSoapContext& KXSoapContext::operator=(KXSoapContext&& other) noexcept {
 KXSoapContext::~KXSoapContext() { release(); }
 
 void KXSoapContext::freeMessageData() {
-  clearDimeBuffers(soap_);
+  clearDimeAttachments(soap_);
   soap_destroy(soap_);
   soap_end(soap_);
 }

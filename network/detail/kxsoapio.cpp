@@ -7,25 +7,19 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <string_view>
 #include <vector>
 
 #include "network/detail/kxbrokermessage.h"
 #include "network/detail/kxbrokerwriter.h"
-#include "network/detail/kxdimebuffers.h"
+#include "network/detail/kxdimerecords.h"
 #include "network/detail/kxsoapstate.h"
 #include "network/detail/kxvaluesoap.h"
 #include "value/textcoding.h"
 
 namespace KX {
-
-namespace {
-
-constexpr const char* kAttachmentType = "application/octet-stream";
-constexpr const char* kAttachmentId = "image";
-
-}  // namespace
 
 bool readSoapEnvelope(struct soap* soap, std::string& envelope) {
   const std::size_t limit = kBrokerMessageMaxBytes + 1;
@@ -60,42 +54,6 @@ bool readSoapEnvelope(struct soap* soap, std::string& envelope) {
   return true;
 }
 
-int attachBinaries(struct soap* soap, const KXValue* value) {
-  if (value == nullptr) {
-    return SOAP_OK;
-  }
-  std::vector<const KXValue*> leaves;
-  collectBinaryLeaves(*value, leaves);
-  if (leaves.empty()) {
-    return SOAP_OK;
-  }
-  soap_set_dime(soap);
-  static const char kNoBytes[1] = {0};
-  for (const KXValue* leaf : leaves) {
-    const KXValue::TKXValueBinary& bytes = leaf->getBinary();
-    const char* data = bytes.empty() ? kNoBytes : reinterpret_cast<const char*>(bytes.data());
-    if (soap_set_dime_attachment(soap, data, bytes.size(), kAttachmentType, kAttachmentId, 0,
-                                 nullptr) != SOAP_OK) {
-      return soap->error;
-    }
-  }
-  return SOAP_OK;
-}
-
-void takeAttachments(struct soap* soap, KXValue& value) {
-  std::vector<KXValue*> leaves;
-  collectBinaryLeaves(value, leaves);
-  std::size_t k = 0;
-  for (const soap_multipart* part = soap->dime.list; part != nullptr && k < leaves.size();
-       part = part->next, ++k) {
-    if (std::vector<unsigned char>* buffer = receivedDimeBuffer(soap, *part)) {
-      leaves[k]->getBinary().swap(*buffer);
-    } else {
-      leaves[k]->setBinary(part->ptr, part->size);
-    }
-  }
-}
-
 int sendFramedMessage(struct soap* soap, const char* endpoint, int status,
                       const std::function<int()>& putBody) {
   const auto putEnvelope = [&] {
@@ -125,9 +83,22 @@ int sendFramedMessage(struct soap* soap, const char* endpoint, int status,
 
 namespace {
 
-// A message with attachments queued: the runtime frames our body element in its envelope
-// and the DIME records.
-int sendWithAttachments(struct soap* soap, const char* endpoint, const std::string& envelope) {
+// A request with attachments on a connection that is not reusable: the runtime frames our
+// body element in its envelope and the DIME records.
+int sendThroughRuntime(struct soap* soap, const char* endpoint, const std::string& envelope,
+                       const std::vector<const KXValue*>& attachments) {
+  soap_begin(soap);
+  soap_set_version(soap, 1);
+  soap_set_dime(soap);
+  for (const KXValue* leaf : attachments) {
+    static const char kNoBytes[1] = {0};
+    const KXValue::TKXValueBinary& bytes = leaf->getBinary();
+    const char* data = bytes.empty() ? kNoBytes : reinterpret_cast<const char*>(bytes.data());
+    if (soap_set_dime_attachment(soap, data, bytes.size(), "application/octet-stream", "image", 0,
+                                 nullptr) != SOAP_OK) {
+      return soap->error;
+    }
+  }
   const std::string_view body = brokerMessageBody(envelope);
   soap->encodingStyle = "";  // SOAP encoding, as our own envelope states it
   soap->header = nullptr;
@@ -164,27 +135,31 @@ bool reusable(const struct soap* soap) {
          stillOpen(soap);
 }
 
-// Sends a request on a reusable connection: the HTTP head leaves with the envelope in one
-// system call. (The runtime's own connect would first clear its tables and look at the
-// socket again.) False when the socket failed (errnum set).
-bool sendOnOpenConnection(struct soap* soap, const std::string& envelope) {
+// The HTTP head of a request on a reusable connection, as the runtime writes it.
+std::string requestHead(const struct soap* soap, const char* contentType, std::size_t length) {
   std::string head;
   head.reserve(256);
   head.append("POST ").append(soap->path).append(" HTTP/").append(soap->http_version);
   head.append("\r\nHost: ").append(soap->host).append(":").append(std::to_string(soap->port));
-  head.append("\r\nUser-Agent: gSOAP/2.8\r\nContent-Type: text/xml; charset=utf-8");
-  head.append("\r\nContent-Length: ").append(std::to_string(envelope.size()));
+  head.append("\r\nUser-Agent: gSOAP/2.8\r\nContent-Type: ").append(contentType);
+  head.append("\r\nContent-Length: ").append(std::to_string(length));
   head.append("\r\nConnection: keep-alive\r\n");
   if (soap->bearer != nullptr) {
     head.append("Authorization: Bearer ").append(soap->bearer).append("\r\n");
   }
   head.append("SOAPAction: \"\"\r\n\r\n");
-  iovec parts[2] = {{head.data(), head.size()},
-                    {const_cast<char*>(envelope.data()), envelope.size()}};
-  msghdr message{};
-  message.msg_iov = parts;
-  message.msg_iovlen = 2;
-  while (message.msg_iovlen > 0) {
+  return head;
+}
+
+// Sends `pieces` with as few system calls as the kernel allows, on a blocking socket. False
+// when the socket failed (errnum set; EAGAIN: the send timeout).
+bool sendGathered(struct soap* soap, std::vector<iovec> pieces) {
+  iovec* next = pieces.data();
+  std::size_t left = pieces.size();
+  while (left > 0) {
+    msghdr message{};
+    message.msg_iov = next;
+    message.msg_iovlen = std::min<std::size_t>(left, IOV_MAX);
     const ssize_t sent = ::sendmsg(soap->socket, &message, MSG_NOSIGNAL);
     if (sent < 0) {
       if (errno == EINTR) continue;
@@ -192,17 +167,39 @@ bool sendOnOpenConnection(struct soap* soap, const std::string& envelope) {
       return false;
     }
     std::size_t done = static_cast<std::size_t>(sent);
-    while (message.msg_iovlen > 0 && done >= message.msg_iov->iov_len) {
-      done -= message.msg_iov->iov_len;
-      ++message.msg_iov;
-      --message.msg_iovlen;
+    while (left > 0 && done >= next->iov_len) {
+      done -= next->iov_len;
+      ++next;
+      --left;
     }
-    if (message.msg_iovlen > 0) {
-      message.msg_iov->iov_base = static_cast<char*>(message.msg_iov->iov_base) + done;
-      message.msg_iov->iov_len -= done;
+    if (left > 0) {
+      next->iov_base = static_cast<char*>(next->iov_base) + done;
+      next->iov_len -= done;
     }
   }
   return true;
+}
+
+// Sends a request on a reusable connection: the HTTP head leaves with the message in one
+// system call, attachments straight from their values. (The runtime's own connect would
+// first clear its tables and look at the socket again.)
+int sendOnOpenConnection(struct soap* soap, const std::string& envelope,
+                         const std::vector<const KXValue*>& attachments) {
+  bool sent;
+  if (attachments.empty()) {
+    const std::string head = requestHead(soap, "text/xml; charset=utf-8", envelope.size());
+    sent = sendGathered(soap, {{const_cast<char*>(head.data()), head.size()},
+                               {const_cast<char*>(envelope.data()), envelope.size()}});
+  } else {
+    const DimeMessage message(envelope, attachments);
+    sent =
+        sendGathered(soap, message.pieces(requestHead(soap, "application/dime", message.size())));
+  }
+  if (!sent) {
+    soap->error = SOAP_EOF;
+    return soap_closesock(soap);
+  }
+  return SOAP_OK;
 }
 
 }  // namespace
@@ -216,22 +213,15 @@ SocketInput inputOf(int socket) {
 }
 
 int sendRequestEnvelope(struct soap* soap, const char* endpoint, const std::string& envelope,
-                        bool withAttachments) {
-  if (withAttachments) {
-    soap_begin(soap);
-    soap_set_version(soap, 1);
-    if (sendWithAttachments(soap, endpoint, envelope) != SOAP_OK) {
-      return soap_closesock(soap);
-    }
-    return SOAP_OK;
-  }
+                        const std::vector<const KXValue*>& attachments) {
   prepareKnownLength(soap, envelope.size());
   if (reusable(soap)) {
-    if (sendOnOpenConnection(soap, envelope)) {
-      return SOAP_OK;
-    }
-    soap->error = SOAP_EOF;
-    return soap_closesock(soap);
+    return sendOnOpenConnection(soap, envelope, attachments);
+  }
+  if (!attachments.empty()) {
+    return sendThroughRuntime(soap, endpoint, envelope, attachments) != SOAP_OK
+               ? soap_closesock(soap)
+               : SOAP_OK;
   }
   if (soap_connect(soap, endpoint, "") != SOAP_OK ||
       soap_send_raw(soap, envelope.data(), envelope.size()) != SOAP_OK ||
@@ -241,17 +231,37 @@ int sendRequestEnvelope(struct soap* soap, const char* endpoint, const std::stri
   return SOAP_OK;
 }
 
-int sendResponseEnvelope(struct soap* soap, const std::string& envelope, bool withAttachments) {
-  if (withAttachments) {
-    return sendWithAttachments(soap, nullptr, envelope);
+int sendResponseEnvelope(struct soap* soap, const std::string& envelope,
+                         const std::vector<const KXValue*>& attachments) {
+  if (attachments.empty()) {
+    prepareKnownLength(soap, envelope.size());
+    if (soap_response(soap, SOAP_OK) != SOAP_OK ||
+        soap_send_raw(soap, envelope.data(), envelope.size()) != SOAP_OK ||
+        soap_end_send(soap) != SOAP_OK) {
+      return soap->error;
+    }
+    return SOAP_OK;
   }
-  prepareKnownLength(soap, envelope.size());
-  if (soap_response(soap, SOAP_OK) != SOAP_OK ||
-      soap_send_raw(soap, envelope.data(), envelope.size()) != SOAP_OK ||
-      soap_end_send(soap) != SOAP_OK) {
+  // The runtime writes the HTTP head into its output buffer (in plain mode: in DIME mode it
+  // would go on with a record header of its own), and the head then leaves from there with
+  // the records, in one gathering send. A DIME head differs from a plain one only in its
+  // type.
+  const DimeMessage message(envelope, attachments);
+  prepareKnownLength(soap, message.size());
+  const int began = soap_response(soap, SOAP_OK);
+  std::string head(soap->buf, soap->bufidx);
+  soap->bufidx = 0;
+  if (began != SOAP_OK) {
     return soap->error;
   }
-  return SOAP_OK;
+  constexpr std::string_view kPlainType = "Content-Type: text/xml; charset=utf-8\r\n";
+  const std::size_t type = head.find(kPlainType);
+  if (type == std::string::npos) {
+    return soap->error = SOAP_HTTP_ERROR;
+  }
+  head.replace(type, kPlainType.size(), "Content-Type: application/dime\r\n");
+  const bool sent = sendGathered(soap, message.pieces(head));
+  return sent ? SOAP_OK : (soap->error = SOAP_EOF);
 }
 
 namespace {
@@ -418,18 +428,16 @@ int finishSoapReceive(struct soap* soap) {
   // id/href references for the runtime to resolve, only the DIME attachments to read.
   soap->part = SOAP_END;
   if ((soap->mode & SOAP_ENC_DIME) != 0) {
-    if (soap_getdime(soap) != SOAP_OK) {
+    if (receiveDimeAttachments(soap) != SOAP_OK) {
       return soap->error;
     }
-    soap->dime.list = soap->dime.first;
-    soap->dime.first = nullptr;
-    soap->dime.last = nullptr;
+    soap->mode &= ~SOAP_ENC_DIME;  // read whole: what follows is the next message
   }
   return SOAP_OK;
 }
 
 void endSoapMessage(struct soap* soap) {
-  clearDimeBuffers(soap);
+  clearDimeAttachments(soap);
   soap_clr_dime(soap);
   // The attachment records go with the message's memory below.
   soap->dime.list = nullptr;

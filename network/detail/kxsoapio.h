@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "value/kxvalue.h"
 
@@ -17,26 +18,19 @@ namespace KX {
 // oversized message is refused without being buffered. False when a framed body ends early.
 bool readSoapEnvelope(struct soap* soap, std::string& envelope);
 
-// Queues the Binary leaves of `value` (none when null) as DIME attachments of the next
-// message, in walk order, typed "application/octet-stream" with the id "image". The bytes
-// are referenced, not copied: `value` must live until the message is sent.
-int attachBinaries(struct soap* soap, const KXValue* value);
-
-// Gives the k-th Binary leaf of `value` the k-th attachment received (moving the bytes,
-// not copying them); leaves beyond the attachments keep the bytes of their XML form.
-void takeAttachments(struct soap* soap, KXValue& value);
-
 // Sends a whole request envelope written by writeBrokerRequest as an HTTP POST to
 // `endpoint`, connecting first when the connection is not open (a context serves one
-// endpoint: an open connection is the one to `endpoint`); `withAttachments`: as a DIME
-// message with the attachments that attachBinaries queued. SOAP_OK or the runtime's error
-// (the socket is then closed).
+// endpoint: an open connection is the one to `endpoint`); with `attachments` (Binary
+// leaves, in walk order), as a DIME message whose attachments are their bytes. The leaves
+// are referenced, not copied. SOAP_OK or the runtime's error (the socket is then closed).
 int sendRequestEnvelope(struct soap* soap, const char* endpoint, const std::string& envelope,
-                        bool withAttachments);
+                        const std::vector<const KXValue*>& attachments);
 
 // Sends a whole answer envelope written by writeBrokerAnswer as the HTTP answer to the
-// request being served; `withAttachments` as for requests. SOAP_OK or the runtime's error.
-int sendResponseEnvelope(struct soap* soap, const std::string& envelope, bool withAttachments);
+// request being served, on a connection set up by useKernelTimeouts; `attachments` as for
+// requests. SOAP_OK or the runtime's error.
+int sendResponseEnvelope(struct soap* soap, const std::string& envelope,
+                         const std::vector<const KXValue*>& attachments);
 
 // Sends a message whose envelope the runtime writes around what `putBody` writes (faults,
 // and bodies with attachments): as a request to `endpoint` (connecting when needed), or,
@@ -74,7 +68,7 @@ enum class PlainAnswer { Read, NotPlain, Failed };
 PlainAnswer readPlainAnswer(struct soap* soap, std::string& envelope);
 
 // Ends the reading of a message whose envelope readSoapEnvelope has read: reads its DIME
-// attachments (into soap->dime.list). SOAP_OK or the runtime's error.
+// attachments (for takeAttachments). SOAP_OK or the runtime's error.
 int finishSoapReceive(struct soap* soap);
 
 // Frees what the last message left in the context (data, attachments), keeping the

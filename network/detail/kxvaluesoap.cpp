@@ -388,26 +388,7 @@ void collectLeaves(Value& value, std::vector<Leaf*>& out, int depth) {
   }
 }
 
-bool hasBinary(const KXValue& value, int depth) {
-  if (depth > kKXValueMaxDepth) throwTooDeep("hasBinaryLeaves");
-  switch (value.getType()) {
-    case KXValue::TypeBinary:
-      return true;
-    case KXValue::TypeArray: {
-      const int size = value.getSize();
-      for (int i = 0; i < size; ++i) {
-        if (hasBinary(value[i], depth + 1)) return true;
-      }
-      return false;
-    }
-    default:
-      return false;
-  }
-}
-
 }  // namespace
-
-bool hasBinaryLeaves(const KXValue& value) { return hasBinary(value, 1); }
 
 void writeKXValue(const KXValue& value, std::string& out, bool nested) {
   const size_t start = out.size();

@@ -74,8 +74,6 @@ void readKXValueFromXml(const std::string& xml, KXValue& value);
 // kKXValueMaxDepth raises "value too deeply nested (more than 64 levels)" (method
 // "collectBinaryLeaves").
 void collectBinaryLeaves(const KXValue& value, std::vector<const KXValue*>& out);
-// Whether `value` holds a Binary leaf (without collecting them).
-bool hasBinaryLeaves(const KXValue& value);
 void collectBinaryLeaves(KXValue& value, std::vector<KXValue*>& out);
 
 // Gives the k-th Binary leaf of `value` the bytes of `attachments[k]`, moving each buffer

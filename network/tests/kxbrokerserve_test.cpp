@@ -33,14 +33,16 @@ constexpr unsigned char kDimeAbsoluteUri = 0x20;
 
 // A 12-byte header (version and flags, type format, the lengths of options, id and type in
 // 16 bits and of the data in 32 bits, big-endian), then id, type and data, each padded to
-// 4 bytes. `declaredSize` overrides the data length in the header (a record that lies).
+// 4 bytes. `declaredSize` overrides the data length in the header (a record that lies);
+// `flags` adds to the version and the first and last flags (a chunk, another version).
 inline std::string dimeRecord(bool first, bool last, unsigned char typeFormat,
                               const std::string& id, const std::string& type,
                               const std::string& data,
-                              std::optional<std::uint32_t> declaredSize = std::nullopt) {
+                              std::optional<std::uint32_t> declaredSize = std::nullopt,
+                              unsigned char flags = 0) {
   const std::uint32_t lengths[] = {static_cast<std::uint32_t>(id.size() << 16 | type.size()),
                                    declaredSize.value_or(static_cast<std::uint32_t>(data.size()))};
-  std::string record = {static_cast<char>(0x08 | (first ? 0x04 : 0) | (last ? 0x02 : 0)),
+  std::string record = {static_cast<char>(0x08 | (first ? 0x04 : 0) | (last ? 0x02 : 0) | flags),
                         static_cast<char>(typeFormat), 0, 0};
   for (const std::uint32_t length : lengths) {
     for (int shift = 24; shift >= 0; shift -= 8)
@@ -65,6 +67,13 @@ inline std::string dimeMessage(const std::string& soapEnvelope,
                           "application/octet-stream", attachments[i]);
   }
   return message;
+}
+
+// The head of an answer with attachments, as the runtime writes it.
+inline std::string dimeAnswerHead(std::size_t length) {
+  return "HTTP/1.1 200 OK\r\nServer: gSOAP/2.8\r\nX-Frame-Options: SAMEORIGIN\r\n"
+         "Content-Type: application/dime\r\nContent-Length: " +
+         std::to_string(length) + "\r\nConnection: keep-alive\r\n";
 }
 
 class ServeTest : public ::testing::Test {
@@ -267,17 +276,46 @@ TEST_F(ServeTest, BinaryLeavesTakeTheAttachmentsAndTheirResultGoesBackAsAttachme
       EXPECT_EQ(reply.field("Content-Type"), "text/xml; charset=utf-8");
       EXPECT_EQ(reply.body, wire::callAnswer(c.parameter));
     } else {
-      EXPECT_EQ(reply.field("Content-Type"), "application/dime");
+      EXPECT_EQ(reply.header, dimeAnswerHead(reply.body.size()));
       EXPECT_EQ(reply.body, dimeMessage(wire::callAnswer(c.parameter), c.back, "cid:id0"));
     }
   }
-  // A DIME message cut short, or with a record claiming 4 GiB, ends its connection only.
+  // A plain request's Binary leaves (in their XML form, the byte "1") come back as
+  // attachments too.
+  {
+    WireConnection connection(port_);
+    EXPECT_EQ(ask(connection, callRequest("M", "echo", one)).body,
+              dimeMessage(wire::callAnswer(one), {"1"}, "cid:id0"));
+  }
+  // An attachment may come in chunks (records flagged as continued): they make one value.
+  constexpr unsigned char kChunk = 0x01;
+  const std::string request = callRequest("M", "echo", one);
+  std::string chunked = dimeRecord(true, false, kDimeAbsoluteUri, "", wire::kEnvelopeUri, request);
+  chunked += dimeRecord(false, false, kDimeMediaType, "image", "application/octet-stream", "ab",
+                        std::nullopt, kChunk);
+  chunked += dimeRecord(false, false, 0, "", "", large, std::nullopt, kChunk);
+  chunked += dimeRecord(false, true, 0, "", "", "c");
+  {
+    WireConnection connection(port_);
+    ASSERT_TRUE(connection.post(chunked, "application/dime"));
+    EXPECT_EQ(connection.read().value_or(HttpReply{}).body,
+              dimeMessage(wire::callAnswer(one), {"ab" + large + "c"}, "cid:id0"));
+  }
+  // A DIME message cut short, with a record claiming 4 GiB, of another DIME version, or with
+  // its envelope in chunks ends its connection only.
   std::string lying = dimeRecord(true, false, kDimeAbsoluteUri, "", wire::kEnvelopeUri,
                                  callRequest("M", "echo", one));
   lying += dimeRecord(false, true, kDimeMediaType, "image", "application/octet-stream", "tiny",
                       0xFFFFFFF0u);
-  const std::string whole = dimeMessage(callRequest("M", "echo", one), {large});
-  for (const std::string& message : {lying, whole.substr(0, whole.size() - 1000)}) {
+  const std::string whole = dimeMessage(request, {large});
+  std::string otherVersion = dimeMessage(request, {});
+  otherVersion[0] = static_cast<char>(otherVersion[0] + 0x08);
+  const std::string envelopeInChunks =
+      dimeRecord(true, false, kDimeAbsoluteUri, "", wire::kEnvelopeUri, request, std::nullopt,
+                 kChunk) +
+      dimeRecord(false, true, 0, "", "", "");
+  for (const std::string& message :
+       {lying, whole.substr(0, whole.size() - 1000), otherVersion, envelopeInChunks}) {
     WireConnection connection(port_);
     ASSERT_TRUE(
         connection.sendAll(connection.postHeader(whole.size(), "application/dime") + message));

@@ -53,7 +53,8 @@ struct Exchange {
 };
 
 // A client's calls to a peer that gives `replies`, one per call.
-Exchange exchange(const std::vector<std::string>& replies, const std::string& token = "") {
+Exchange exchange(const std::vector<std::string>& replies, const std::string& token = "",
+                  const KXValue& argument = KXValue("k")) {
   Exchange result;
   KXSoapContext server;
   server->accept_timeout = 10;
@@ -64,22 +65,33 @@ Exchange exchange(const std::vector<std::string>& replies, const std::string& to
   module.name = "Echo";
   KXConnection connection("http://127.0.0.1:" + std::to_string(port), module, 0, token);
   for (std::size_t i = 0; i < replies.size(); ++i) {
-    result.answers.push_back(connection.call<protocol::CallVelmo>("echo", KXValue("k")).answer);
+    result.answers.push_back(connection.call<protocol::CallVelmo>("echo", argument).answer);
   }
   peer.join();
   return result;
 }
 
 TEST(KXConnectionTest, KeptConnectionsSendWhatTheRuntimeSendsWhenItOpensOne) {
-  for (const std::string token : {"", "secret"}) {
-    const Exchange kept = exchange(std::vector<std::string>(3, plainReply()), token);
+  // Plain, and DIME with attachments of every size class (larger than the runtime's
+  // buffer, empty, unpadded), with and without a token.
+  const struct {
+    std::string token;
+    KXValue argument;
+  } cases[] = {
+      {"", KXValue("k")},
+      {"secret", KXValue("k")},
+      {"", binaryOf(std::string(70001, 'b'))},
+      {"secret", testing_util::arrayOf(binaryOf("a"), 1, binaryOf(""), binaryOf("four"))},
+  };
+  for (const auto& c : cases) {
+    const Exchange kept = exchange(std::vector<std::string>(3, plainReply()), c.token, c.argument);
     EXPECT_EQ(kept.answers, std::vector<KXValue>(3, KXValue(7)));
     ASSERT_EQ(kept.requests.size(), 3u);
     EXPECT_EQ(kept.connections, 1);
     EXPECT_EQ(kept.requests[1], kept.requests[0]);
     EXPECT_EQ(kept.requests[2], kept.requests[0]);
     EXPECT_EQ(kept.requests[0].find("Authorization: Bearer secret\r\n") != std::string::npos,
-              !token.empty());
+              !c.token.empty());
   }
 }
 

@@ -214,8 +214,6 @@ TEST(BinaryLeaves, AttachmentsMoveIntoTheLeavesInWalkOrder) {
   std::vector<const KXValue*> leaves;
   collectBinaryLeaves(sent, leaves);
   EXPECT_EQ(leaves, (std::vector<const KXValue*>{&sent[0], &sent[1][1], &sent[1][2][0], &sent[3]}));
-  EXPECT_TRUE(hasBinaryLeaves(sent));
-  EXPECT_FALSE(hasBinaryLeaves(arrayOf(1, objectOf("AQID"))));
 
   KXValue received = readXml(written(sent));
   const KXValue before = received;
@@ -239,7 +237,6 @@ TEST(BinaryLeaves, AttachmentsMoveIntoTheLeavesInWalkOrder) {
   const KXValue deep = nestedArrays(kKXValueMaxDepth);
   EXPECT_EQ(errorText([&] { collectBinaryLeaves(deep, leaves); }),
             valueError("collectBinaryLeaves", kTooDeep));
-  EXPECT_EQ(errorText([&] { hasBinaryLeaves(deep); }), valueError("hasBinaryLeaves", kTooDeep));
 }
 
 }  // namespace
