@@ -151,11 +151,12 @@ std::string requestHead(const struct soap* soap, const char* contentType, std::s
   return head;
 }
 
-// Sends `pieces` with as few system calls as the kernel allows, on a blocking socket. False
-// when the socket failed (errnum set; EAGAIN: the send timeout).
-bool sendGathered(struct soap* soap, std::vector<iovec> pieces) {
-  iovec* next = pieces.data();
-  std::size_t left = pieces.size();
+// Sends the `count` pieces with as few system calls as the kernel allows, on a blocking
+// socket (the pieces are advanced as they go). False when the socket failed (errnum set;
+// EAGAIN: the send timeout).
+bool sendGathered(struct soap* soap, iovec* pieces, std::size_t count) {
+  iovec* next = pieces;
+  std::size_t left = count;
   while (left > 0) {
     msghdr message{};
     message.msg_iov = next;
@@ -188,12 +189,14 @@ int sendOnOpenConnection(struct soap* soap, const std::string& envelope,
   bool sent;
   if (attachments.empty()) {
     const std::string head = requestHead(soap, "text/xml; charset=utf-8", envelope.size());
-    sent = sendGathered(soap, {{const_cast<char*>(head.data()), head.size()},
-                               {const_cast<char*>(envelope.data()), envelope.size()}});
+    iovec pieces[] = {{const_cast<char*>(head.data()), head.size()},
+                      {const_cast<char*>(envelope.data()), envelope.size()}};
+    sent = sendGathered(soap, pieces, 2);
   } else {
     const DimeMessage message(envelope, attachments);
-    sent =
-        sendGathered(soap, message.pieces(requestHead(soap, "application/dime", message.size())));
+    const std::string head = requestHead(soap, "application/dime", message.size());
+    std::vector<iovec> pieces = message.pieces(head);
+    sent = sendGathered(soap, pieces.data(), pieces.size());
   }
   if (!sent) {
     soap->error = SOAP_EOF;
@@ -260,7 +263,8 @@ int sendResponseEnvelope(struct soap* soap, const std::string& envelope,
     return soap->error = SOAP_HTTP_ERROR;
   }
   head.replace(type, kPlainType.size(), "Content-Type: application/dime\r\n");
-  const bool sent = sendGathered(soap, message.pieces(head));
+  std::vector<iovec> pieces = message.pieces(head);
+  const bool sent = sendGathered(soap, pieces.data(), pieces.size());
   return sent ? SOAP_OK : (soap->error = SOAP_EOF);
 }
 

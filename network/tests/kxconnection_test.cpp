@@ -73,7 +73,10 @@ Exchange exchange(const std::vector<std::string>& replies, const std::string& to
 
 TEST(KXConnectionTest, KeptConnectionsSendWhatTheRuntimeSendsWhenItOpensOne) {
   // Plain, and DIME with attachments of every size class (larger than the runtime's
-  // buffer, empty, unpadded), with and without a token.
+  // buffer, empty, unpadded) and more of them than one system call can gather, with and
+  // without a token.
+  KXValue many;
+  for (int i = 0; i < 600; ++i) many.arrayPush(binaryOf(std::string(i % 7, 'm')));
   const struct {
     std::string token;
     KXValue argument;
@@ -82,6 +85,7 @@ TEST(KXConnectionTest, KeptConnectionsSendWhatTheRuntimeSendsWhenItOpensOne) {
       {"secret", KXValue("k")},
       {"", binaryOf(std::string(70001, 'b'))},
       {"secret", testing_util::arrayOf(binaryOf("a"), 1, binaryOf(""), binaryOf("four"))},
+      {"", many},
   };
   for (const auto& c : cases) {
     const Exchange kept = exchange(std::vector<std::string>(3, plainReply()), c.token, c.argument);
