@@ -22,8 +22,12 @@ namespace KX {
 // peer can make us spend (the message fails beyond it).
 constexpr std::size_t kMaxAttachmentBytes = 512u * 1024u * 1024u;
 
+// How every attachment of ours is typed and named.
+constexpr char kAttachmentType[] = "application/octet-stream";
+constexpr char kAttachmentId[] = "image";
+
 // The records of a message to send: the envelope (id "cid:id0"), then one attachment per
-// Binary leaf (typed "application/octet-stream", id "image"), as the runtime writes them.
+// Binary leaf (kAttachmentType, kAttachmentId), as the runtime writes them.
 // The envelope and the leaves are referenced, not copied: they must outlive the sending.
 class DimeMessage {
  public:

@@ -94,7 +94,7 @@ int sendThroughRuntime(struct soap* soap, const char* endpoint, const std::strin
     static const char kNoBytes[1] = {0};
     const KXValue::TKXValueBinary& bytes = leaf->getBinary();
     const char* data = bytes.empty() ? kNoBytes : reinterpret_cast<const char*>(bytes.data());
-    if (soap_set_dime_attachment(soap, data, bytes.size(), "application/octet-stream", "image", 0,
+    if (soap_set_dime_attachment(soap, data, bytes.size(), kAttachmentType, kAttachmentId, 0,
                                  nullptr) != SOAP_OK) {
       return soap->error;
     }
