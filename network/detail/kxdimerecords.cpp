@@ -95,7 +95,7 @@ class MessageInput {
   // Copies the next `size` bytes to `out`: past what is buffered, straight from the socket.
   bool read(char* out, std::size_t size) {
     const std::size_t buffered = std::min(size, soap_->buflen - soap_->bufidx);
-    std::memcpy(out, soap_->buf + soap_->bufidx, buffered);
+    if (buffered > 0) std::memcpy(out, soap_->buf + soap_->bufidx, buffered);
     soap_->bufidx += buffered;
     for (std::size_t at = buffered; at < size;) {
       const std::size_t received = soap_->frecv(soap_, out + at, size - at);
