@@ -194,7 +194,7 @@ BrokerConnection::State BrokerConnection::serve(const BrokerRequestHandler& hand
       --soap->keep_alive;
     }
     soap->error = SOAP_OK;
-    if (soap_begin_recv(soap) != SOAP_OK) {
+    if (beginSoapReceive(soap) != SOAP_OK) {
       if (soap->error >= SOAP_STOP) {
         // Handled by an HTTP callback (GET, PUT, ...): the connection goes on.
         soap_destroy(soap);

@@ -57,7 +57,7 @@ bool KXConnection::receiveEnvelope(std::string& envelope) {
   }
   // Our own brokers answer plainly; anything else is read by the runtime.
   const PlainAnswer plain = readPlainAnswer(soap, envelope);
-  const int began = plain == PlainAnswer::NotPlain ? soap_begin_recv(soap) : SOAP_OK;
+  const int began = plain == PlainAnswer::NotPlain ? beginSoapReceive(soap) : SOAP_OK;
   {
     std::lock_guard<std::mutex> guard(socketLock_);
     activeSocket_ = -1;

@@ -21,7 +21,17 @@
 
 namespace KX {
 
+int beginSoapReceive(struct soap* soap) {
+  soap->dime.flags = 0;  // set again only by a DIME record header of this message
+  return soap_begin_recv(soap);
+}
+
 bool readSoapEnvelope(struct soap* soap, std::string& envelope) {
+  // A DIME message whose envelope is its only record: the runtime has left DIME mode on
+  // reading that record's header, which still says where the envelope ends.
+  if ((soap->mode & SOAP_ENC_DIME) == 0 && (soap->dime.flags & SOAP_DIME_MB) != 0) {
+    soap->mode |= SOAP_ENC_DIME;
+  }
   const std::size_t limit = kBrokerMessageMaxBytes + 1;
   std::size_t expected = limit;  // a chunked body ends with its last chunk
   if ((soap->mode & SOAP_ENC_DIME) != 0) {

@@ -12,7 +12,11 @@
 
 namespace KX {
 
-// Reads the SOAP envelope of the message whose HTTP header soap_begin_recv has read: the
+// Reads the HTTP header of the next message (soap_begin_recv), and with a DIME message
+// the header of its first record. SOAP_OK or the runtime's error.
+int beginSoapReceive(struct soap* soap);
+
+// Reads the SOAP envelope of the message whose HTTP header beginSoapReceive has read: the
 // whole body, or the primary record of a DIME message (finishSoapReceive reads the
 // attachments). Reads at most one byte more than kBrokerMessageMaxBytes, so that an
 // oversized message is refused without being buffered. False when a framed body ends early.
@@ -61,7 +65,7 @@ bool receiveWithinWake(struct soap* soap);
 // Reads an answer framed plainly (HTTP status 200, Content-Type text/xml, a Content-Length,
 // no other transfer or content encoding) without the runtime's per-message work: the
 // envelope into `envelope`, keep-alive taken from the head. NotPlain for any other answer,
-// whose bytes then stay in the input buffer for soap_begin_recv to read, and when the
+// whose bytes then stay in the input buffer for beginSoapReceive to read, and when the
 // connection failed before the head was whole (the runtime's read reports it). Failed (the
 // runtime's error set) when the connection failed within the envelope.
 enum class PlainAnswer { Read, NotPlain, Failed };

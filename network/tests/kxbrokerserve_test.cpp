@@ -264,12 +264,16 @@ TEST_F(ServeTest, BinaryLeavesTakeTheAttachmentsAndTheirResultGoesBackAsAttachme
       // Leaves beyond the attachments keep the bytes of their XML form: the byte "1".
       {three, {first}, {first, "1", "1"}},
       {one, {"kept", "extra"}, {"kept"}},
+      {one, {}, {"1"}},
       {KXValue("plain"), {"unused"}, {}},
   };
+  // Twice on one connection: a message is read to its end, and the next one is served.
   for (const auto& c : cases) {
     WireConnection connection(port_);
     const std::string request = callRequest("M", "echo", c.parameter);
     ASSERT_TRUE(connection.post(dimeMessage(request, c.sent), "application/dime"));
+    ASSERT_TRUE(connection.post(dimeMessage(request, c.sent), "application/dime"));
+    ASSERT_TRUE(connection.read().has_value());
     const HttpReply reply = connection.read().value_or(HttpReply{});
     EXPECT_EQ(reply.statusLine, "HTTP/1.1 200 OK");
     if (c.back.empty()) {
