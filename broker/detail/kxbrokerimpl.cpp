@@ -197,23 +197,28 @@ void KXBrokerImpl::registerModule(const std::string& name,
         << "Starting " << name << std::endl;
   }
 
+  // The module registered under the name is exited first (its exit unregisters it), then
+  // the new one takes the name. Registrations of one name may race: the name is taken only
+  // if it still holds the module exited (or none); else the newcomer is exited in turn, so
+  // that no module leaves the table without its exit.
   std::shared_ptr<KXModuleCore> previous;
   {
     KXScopedReadLock guard(moduleLock_);
     auto found = modules_.find(name);
-    if (found != modules_.end()) {
-      previous = found->second;
+    if (found != modules_.end()) previous = found->second;
+  }
+  for (;;) {
+    if (previous && previous != module) {
+      previous->exit();  // not under the lock: exit unregisters the module
     }
-  }
-  if (previous && previous != module) {
-    // Its exit unregisters it (the table entry is still that module), so no lock here.
-    previous->exit();
-  }
-
-  {
     KXScopedWriteLock guard(moduleLock_);
-    modules_[name] = module;
-    module->setRegistrationIndex(++registrationCounter_);
+    std::shared_ptr<KXModuleCore>& slot = modules_[name];
+    if (slot == nullptr || slot == previous || slot == module) {
+      slot = module;
+      module->setRegistrationIndex(++registrationCounter_);
+      break;
+    }
+    previous = slot;
   }
   forgetProxy(name);
 }

@@ -227,6 +227,32 @@ TEST_F(BrokerTest, ConcurrentCallsPostsProxiesAndRegistrations) {
   EXPECT_EQ(broker_->getModules().size(), 1u);
 }
 
+// Registrations of one name that all find the same module there: each newcomer but the
+// last is exited in turn, none leaves the table without its exit.
+TEST_F(BrokerTest, RacingRegistrationsOfOneNameExitEveryModuleDisplaced) {
+  constexpr int kRacers = 6;
+  Latch allLookedUp(kRacers);
+  std::shared_ptr<Calculator> first;
+  first = createModule<Calculator>(broker_, "Same", [&] {
+    // Every racer has found `first` before any of them takes the name.
+    allLookedUp.countDown();
+    EXPECT_TRUE(allLookedUp.wait());
+    broker_->unregisterModule("Same", first.get());
+  });
+  std::vector<std::shared_ptr<Calculator>> racers;
+  for (int r = 0; r < kRacers; ++r) racers.push_back(std::make_shared<Calculator>(broker_, "Same"));
+  std::vector<std::thread> threads;
+  for (const auto& racer : racers) {
+    threads.emplace_back([this, racer] { broker_->registerModule("Same", racer); });
+  }
+  for (auto& thread : threads) thread.join();
+  // (A module two racers found is exited by both: exit acts once.)
+  const std::shared_ptr<KXModuleCore> registered = broker_->getModuleCore("Same");
+  for (const auto& racer : racers) EXPECT_EQ(racer->exitCount > 0, racer != registered);
+  EXPECT_EQ(first->exitCount, kRacers);
+  registered->exit();
+}
+
 TEST(ChildBrokersTest, ASilentChildIsNotRespondingFiveTimesThenLost) {
   KXChildBrokers children;
   KXBrokerInfo arm;

@@ -93,6 +93,7 @@ struct KXNetwork::Impl {
   std::deque<RemoteCall> remoteCalls;
   bool remoteSenderRunning = false;
   bool heartBeatCheckerRunning = false;
+  bool heartBeatCheckWanted = false;  // asked for while the checker was running
   bool heartBeatRunning = false;
   bool heartBeatConnected = false;
   int maxRoundTripSeconds = 0;
@@ -437,34 +438,46 @@ void KXNetwork::heartBeat(const std::string& brokerName) {
 }
 
 void KXNetwork::startHeartBeatCheck() {
-  {
-    std::lock_guard<std::mutex> guard(impl_->stateMutex);
-    if (impl_->heartBeatCheckerRunning) {
-      return;
-    }
-    impl_->heartBeatCheckerRunning = true;
-  }
-  if (!startTask("runHeartBeatCheck", &KXNetwork::runHeartBeatCheck)) {
+  if (claimHeartBeatChecker() &&
+      !startTask("runHeartBeatCheck", &KXNetwork::checkChildrenWhileAny)) {
     std::lock_guard<std::mutex> guard(impl_->stateMutex);
     impl_->heartBeatCheckerRunning = false;
   }
 }
 
 void KXNetwork::runHeartBeatCheck() {
-  // Started by startHeartBeatCheck (which claims the one checker's place) or called
-  // directly; either way one checker runs at a time.
-  {
-    std::lock_guard<std::mutex> guard(impl_->stateMutex);
-    impl_->heartBeatCheckerRunning = true;
+  if (claimHeartBeatChecker()) checkChildrenWhileAny();
+}
+
+bool KXNetwork::claimHeartBeatChecker() {
+  std::lock_guard<std::mutex> guard(impl_->stateMutex);
+  if (impl_->heartBeatCheckerRunning) {
+    // The running checker may be about to end for want of children: it looks again.
+    impl_->heartBeatCheckWanted = true;
+    return false;
   }
+  impl_->heartBeatCheckerRunning = true;
+  impl_->heartBeatCheckWanted = false;
+  return true;
+}
+
+void KXNetwork::checkChildrenWhileAny() {
   std::shared_ptr<KXBroker> broker = getParentBroker();
   bool running = impl_->pause(kFirstCheckDelay);
-  while (running && keepRunning() && !broker->getChildBrokers().empty()) {
-    broker->checkHeartBeat();
-    running = impl_->pause(kCheckPeriod);
+  for (;;) {
+    while (running && keepRunning() && !broker->getChildBrokers().empty()) {
+      broker->checkHeartBeat();
+      running = impl_->pause(kCheckPeriod);
+    }
+    // Ending and a child's arrival are decided under one lock: a child that came after
+    // the last look is looked for again, or its check starts a checker of its own.
+    std::lock_guard<std::mutex> guard(impl_->stateMutex);
+    if (!running || !impl_->heartBeatCheckWanted) {
+      impl_->heartBeatCheckerRunning = false;
+      return;
+    }
+    impl_->heartBeatCheckWanted = false;
   }
-  std::lock_guard<std::mutex> guard(impl_->stateMutex);
-  impl_->heartBeatCheckerRunning = false;
 }
 
 // ---------------------------------------------------------------- remote parallel calls

@@ -75,7 +75,7 @@ class KXNetwork : public KXModule, public KXNetworkService {
   // The child's heartbeat to its parent: one beat a second until a beat fails.
   void runHeartBeat();
   // The parent's check of its children's heartbeats: first after 4 s, then every second
-  // while there are children.
+  // while there are children. One checker at a time: called while one runs, returns at once.
   void runHeartBeatCheck();
   // Sends the queued remote parallel calls, oldest first (one sender at a time).
   void remotePCallManager();
@@ -109,6 +109,11 @@ class KXNetwork : public KXModule, public KXNetworkService {
   bool keepRunning() const;
   // Queues `work` (a member of this module) as a named task of the broker's pool.
   bool startTask(const char* name, void (KXNetwork::*work)());
+  // Takes the one heartbeat checker's place; false when a checker runs (it is then asked
+  // to look for children again before it ends).
+  bool claimHeartBeatChecker();
+  // The checker's loop, run by the one that claimed the place, which it gives back.
+  void checkChildrenWhileAny();
 
   std::unique_ptr<Impl> impl_;
 };
