@@ -5,7 +5,7 @@ GENERATOR  ?= Ninja
 CMAKE_ARGS ?=
 JOBS       ?= $(shell nproc)
 
-.PHONY: all deps configure build run test test-cpp test-python bench coverage format clean
+.PHONY: all deps configure build run test test-cpp test-python bench coverage fuzz format clean
 
 all: build
 
@@ -45,6 +45,17 @@ coverage:
 	find $(COVERAGE_BUILD) -name '*.gcda' -delete
 	$(MAKE) --no-print-directory test-cpp test-python BUILD=$(COVERAGE_BUILD)
 	$(PYTHON) tools/coverage-summary.py $(COVERAGE_BUILD)
+
+# Every fuzzing target for FUZZ_SECONDS each, in a clang build of its own (libFuzzer with
+# AddressSanitizer and UndefinedBehaviorSanitizer); the corpora grow in $(FUZZ_BUILD).
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 300
+fuzz: deps
+	@[ -f $(FUZZ_BUILD)/CMakeCache.txt ] || CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) \
+	  -G "$(GENERATOR)" -DVELMO_FUZZ=ON -DVELMO_SANITIZE=address,undefined \
+	  -DVELMO_BUILD_TESTS=OFF -DVELMO_BUILD_PYTHON=OFF -DVELMO_BUILD_BENCH=OFF
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzzers
+	bash tools/run-fuzzers.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
