@@ -40,6 +40,10 @@ void KXConnection::authorize() {
 
 int KXConnection::sendEnvelope(const KXValue* attachmentsOf) {
   struct soap* soap = soap_.get();
+  {
+    std::lock_guard<std::mutex> guard(socketLock_);
+    if (interrupted_) return soap->error = SOAP_EOF;
+  }
   std::vector<const KXValue*> attachments;
   if (attachmentsOf != nullptr) {
     collectBinaryLeaves(*attachmentsOf, attachments);
@@ -54,6 +58,8 @@ bool KXConnection::receiveEnvelope(std::string& envelope) {
   {
     std::lock_guard<std::mutex> guard(socketLock_);
     activeSocket_ = soap->socket;
+    // Interrupted since the send: the answer is not waited for.
+    if (interrupted_ && activeSocket_ >= 0) ::shutdown(activeSocket_, SHUT_RDWR);
   }
   // Our own brokers answer plainly; anything else is read by the runtime.
   const PlainAnswer plain = readPlainAnswer(soap, envelope);
@@ -122,6 +128,7 @@ BrokerFault KXConnection::transportFault() {
 
 void KXConnection::interrupt() {
   std::lock_guard<std::mutex> guard(socketLock_);
+  interrupted_ = true;
   if (activeSocket_ >= 0) {
     ::shutdown(activeSocket_, SHUT_RDWR);
   }

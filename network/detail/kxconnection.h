@@ -60,8 +60,9 @@ class KXConnection {
     return exchangeFrom<Call>(Parts{module_.name, method, param});
   }
 
-  // Shuts the socket down so that a call blocked on it returns (with a fault) at once.
-  // Safe from any thread.
+  // Shuts the socket down so that a call waiting for its answer returns (with a fault) at
+  // once, and makes every later call fail at once (a call still sending finishes its send
+  // first). Safe from any thread.
   void interrupt();
 
  private:
@@ -84,9 +85,11 @@ class KXConnection {
   std::mutex lock_;          // held for a whole call
   KXSoapContext soap_;
   std::string envelope_;  // guarded by lock_: the last message, its memory reused
-  // The socket of the call in progress, for interrupt(); -1 when there is none.
+  // The socket of the call in progress, for interrupt(); -1 when there is none. Once
+  // interrupted, a connection stays so: every later call fails at once.
   std::mutex socketLock_;
   int activeSocket_ = -1;
+  bool interrupted_ = false;
 };
 
 template <typename Op, typename Fields>

@@ -4,7 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <future>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -113,6 +117,45 @@ TEST(KXConnectionTest, AnswersAreReadWhateverTheirFraming) {
                 plainReply()});
   EXPECT_EQ(framed.answers, std::vector<KXValue>(5, KXValue(7)));
   EXPECT_EQ(framed.connections, 3);  // after the close, and after the HTTP/1.0 answer
+}
+
+// Interrupted (as the network module's exit does), a connection gives up the answer it
+// waits for, and fails every later call at once, to a peer that never answers.
+TEST(KXConnectionTest, AnInterruptedConnectionFailsItsCallsAtOnce) {
+  KXSoapContext server;
+  server->accept_timeout = 1;
+  const int port = bindLoopback(server.get());
+  std::atomic<bool> done{false};
+  std::promise<void> firstRequest;
+  std::thread peer([&] {
+    std::vector<std::unique_ptr<WireConnection>> held;  // open, never answered
+    for (int round = 0; round < 60 && !done; ++round) {
+      if (!soap_valid_socket(soap_accept(server.get()))) continue;
+      held.push_back(std::make_unique<WireConnection>(WireConnection::Accepted{server->socket}));
+      server->socket = SOAP_INVALID_SOCKET;
+      if (held.size() == 1 && held.back()->read()) firstRequest.set_value();
+    }
+  });
+  KXModuleInfo module;
+  module.name = "Echo";
+  KXConnection connection("http://127.0.0.1:" + std::to_string(port), module, 0, "");
+  const auto call = [&connection] {
+    return std::async(std::launch::async, [&connection] {
+      return connection.call<protocol::CallVelmo>("echo", KXValue("k"));
+    });
+  };
+  auto waiting = call();
+  firstRequest.get_future().wait();
+  connection.interrupt();
+  const bool gaveUp = waiting.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  auto later = call();
+  const bool failedAtOnce = later.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  done = true;  // the peer closes what it holds: a call still waiting ends
+  peer.join();
+  EXPECT_TRUE(gaveUp);
+  EXPECT_TRUE(failedAtOnce);
+  EXPECT_TRUE(waiting.get().fault.has_value());
+  EXPECT_TRUE(later.get().fault.has_value());
 }
 
 }  // namespace
