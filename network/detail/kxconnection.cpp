@@ -48,9 +48,7 @@ int KXConnection::sendEnvelope(const KXValue* attachmentsOf) {
   if (attachmentsOf != nullptr) {
     collectBinaryLeaves(*attachmentsOf, attachments);
   }
-  const int sent = sendRequestEnvelope(soap, endpoint_.c_str(), envelope_, attachments);
-  soap_clr_dime(soap);
-  return sent;
+  return sendRequestEnvelope(soap, endpoint_.c_str(), envelope_, attachments);
 }
 
 bool KXConnection::receiveEnvelope(std::string& envelope) {

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 
+#include "network/detail/kxsoapio.h"
 #include "network/detail/kxsoapstate.h"
 #include "network/detail/kxvaluesoap.h"
 
@@ -87,53 +88,28 @@ ReceivedAttachments* receivedOf(struct soap* soap) {
   return KXSoapState<ReceivedAttachments>::of(soap);
 }
 
-// The rest of a message, read from what the context has buffered, then from its socket.
-class MessageInput {
- public:
-  explicit MessageInput(struct soap* soap) : soap_(soap) {}
-
-  // Copies the next `size` bytes to `out`: past what is buffered, straight from the socket.
-  bool read(char* out, std::size_t size) {
-    const std::size_t buffered = std::min(size, soap_->buflen - soap_->bufidx);
-    if (buffered > 0) std::memcpy(out, soap_->buf + soap_->bufidx, buffered);
-    soap_->bufidx += buffered;
-    for (std::size_t at = buffered; at < size;) {
-      const std::size_t received = soap_->frecv(soap_, out + at, size - at);
-      if (received == 0) return false;
-      at += received;
+// Takes the next `size` bytes of the message through the context's buffer, copying them to
+// `out` unless it is null: for record headers, fields and paddings, which are small (data
+// goes through readMessageBytes).
+bool takeBuffered(struct soap* soap, unsigned char* out, std::size_t size) {
+  while (size > 0) {
+    if (soap->bufidx == soap->buflen) {
+      soap->bufidx = 0;
+      soap->buflen = soap->frecv(soap, soap->buf, sizeof(soap->buf));
+      if (soap->buflen == 0) return false;
     }
-    return true;
-  }
-
-  // Passes over the next `size` bytes, through the buffer (record fields are small).
-  bool skip(std::size_t size) {
-    while (size > 0) {
-      if (soap_->bufidx == soap_->buflen && !refill()) return false;
-      const std::size_t taken = std::min(size, soap_->buflen - soap_->bufidx);
-      soap_->bufidx += taken;
-      size -= taken;
+    const std::size_t taken = std::min(size, soap->buflen - soap->bufidx);
+    if (out != nullptr) {
+      std::memcpy(out, soap->buf + soap->bufidx, taken);
+      out += taken;
     }
-    return true;
+    soap->bufidx += taken;
+    size -= taken;
   }
+  return true;
+}
 
-  // Reads a record header into `header`, through the buffer.
-  bool readHeader(unsigned char (&header)[kHeaderBytes]) {
-    for (unsigned char& byte : header) {
-      if (soap_->bufidx == soap_->buflen && !refill()) return false;
-      byte = static_cast<unsigned char>(soap_->buf[soap_->bufidx++]);
-    }
-    return true;
-  }
-
- private:
-  bool refill() {
-    soap_->bufidx = 0;
-    soap_->buflen = soap_->frecv(soap_, soap_->buf, sizeof(soap_->buf));
-    return soap_->buflen > 0;
-  }
-
-  struct soap* const soap_;
-};
+bool skip(struct soap* soap, std::size_t size) { return takeBuffered(soap, nullptr, size); }
 
 std::size_t field16(const unsigned char* at) { return std::size_t{at[0]} << 8 | at[1]; }
 
@@ -165,8 +141,7 @@ int receiveDimeAttachments(struct soap* soap) {
   if ((soap->dime.flags & SOAP_DIME_CF) != 0) {
     return failWith(soap, SOAP_DIME_ERROR);
   }
-  MessageInput input(soap);
-  if (!input.skip(paddingOf(soap->dime.size))) {
+  if (!skip(soap, paddingOf(soap->dime.size))) {
     return failWith(soap, SOAP_EOF);
   }
   std::vector<KXValue::TKXValueBinary>& buffers = receivedOf(soap)->buffers;
@@ -175,7 +150,7 @@ int receiveDimeAttachments(struct soap* soap) {
   bool continued = false;  // the record goes on the chunk before it
   while (!last) {
     unsigned char header[kHeaderBytes];
-    if (!input.readHeader(header)) {
+    if (!takeBuffered(soap, header, kHeaderBytes)) {
       return failWith(soap, SOAP_EOF);
     }
     if ((header[0] & 0xF8) != SOAP_DIME_VERSION) {
@@ -189,15 +164,15 @@ int receiveDimeAttachments(struct soap* soap) {
       return failWith(soap, SOAP_EOM);
     }
     total += size;
-    if (!input.skip(options + paddingOf(options) + id + paddingOf(id) + type + paddingOf(type))) {
+    if (!skip(soap, options + paddingOf(options) + id + paddingOf(id) + type + paddingOf(type))) {
       return failWith(soap, SOAP_EOF);
     }
     if (!continued) buffers.emplace_back();
     KXValue::TKXValueBinary& buffer = buffers.back();
     const std::size_t at = buffer.size();
     growForAttachment(buffer, at + size);
-    if (!input.read(reinterpret_cast<char*>(buffer.data()) + at, size) ||
-        !input.skip(paddingOf(size))) {
+    if (!readMessageBytes(soap, reinterpret_cast<char*>(buffer.data()) + at, size) ||
+        !skip(soap, paddingOf(size))) {
       return failWith(soap, SOAP_EOF);
     }
     continued = (header[0] & SOAP_DIME_CF) != 0;

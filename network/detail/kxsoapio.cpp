@@ -112,8 +112,11 @@ int sendThroughRuntime(struct soap* soap, const char* endpoint, const std::strin
   const std::string_view body = brokerMessageBody(envelope);
   soap->encodingStyle = "";  // SOAP encoding, as our own envelope states it
   soap->header = nullptr;
-  return sendFramedMessage(soap, endpoint, SOAP_OK,
-                           [soap, body] { return soap_send_raw(soap, body.data(), body.size()); });
+  const int sent = sendFramedMessage(soap, endpoint, SOAP_OK, [soap, body] {
+    return soap_send_raw(soap, body.data(), body.size());
+  });
+  soap_clr_dime(soap);  // the runtime would frame the next message in DIME too
+  return sent;
 }
 
 // The runtime frames a message of known length (Content-Length) and buffers it, so that
@@ -413,24 +416,28 @@ PlainAnswer readPlainAnswer(struct soap* soap, std::string& envelope) {
   }
   const std::string_view connection = headerValue(head, "connection");
   const bool keptAlive = head[7] == '1' ? connection != "close" : connection == "keep-alive";
-  // The envelope: what is buffered, then the rest straight into its place.
-  const std::size_t bodyAt = headEnd + 4;
-  const std::size_t buffered = std::min(size, soap->buflen - bodyAt);
-  envelope.assign(soap->buf + bodyAt, buffered);
-  soap->bufidx = bodyAt + buffered;
+  soap->bufidx = headEnd + 4;
   envelope.resize(size);
-  for (std::size_t at = buffered; at < size;) {
-    const std::size_t received = soap->frecv(soap, &envelope[at], size - at);
-    if (received == 0) {
-      soap->error = SOAP_EOF;
-      return PlainAnswer::Failed;
-    }
-    at += received;
+  if (!readMessageBytes(soap, envelope.data(), size)) {
+    soap->error = SOAP_EOF;
+    return PlainAnswer::Failed;
   }
   if (!keptAlive) {
     soap->keep_alive = 0;
   }
   return PlainAnswer::Read;
+}
+
+bool readMessageBytes(struct soap* soap, char* out, std::size_t size) {
+  const std::size_t buffered = std::min(size, soap->buflen - soap->bufidx);
+  if (buffered > 0) std::memcpy(out, soap->buf + soap->bufidx, buffered);
+  soap->bufidx += buffered;
+  for (std::size_t at = buffered; at < size;) {
+    const std::size_t received = soap->frecv(soap, out + at, size - at);
+    if (received == 0) return false;
+    at += received;
+  }
+  return true;
 }
 
 int finishSoapReceive(struct soap* soap) {

@@ -71,6 +71,11 @@ bool receiveWithinWake(struct soap* soap);
 enum class PlainAnswer { Read, NotPlain, Failed };
 PlainAnswer readPlainAnswer(struct soap* soap, std::string& envelope);
 
+// Reads the next `size` bytes of the message being received into `out`: what the context
+// has buffered, then straight from its socket (a long body is not copied through the
+// buffer). False when the connection ended first.
+bool readMessageBytes(struct soap* soap, char* out, std::size_t size);
+
 // Ends the reading of a message whose envelope readSoapEnvelope has read: reads its DIME
 // attachments (for takeAttachments). SOAP_OK or the runtime's error.
 int finishSoapReceive(struct soap* soap);
