@@ -144,8 +144,9 @@ void KXBehaviorManager::linkBehaviors(const std::string& fromBox, const std::str
 void KXBehaviorManager::setTimeline(const std::string& boxName, const int& size, const int& fps) {
   const std::shared_ptr<KXBehavior> target = box("setTimeline", boxName);
   auto timeline = std::make_shared<KXSimpleTimeline>(size, fps);
+  std::shared_ptr<KXSimpleTimeline> previous;  // dropped outside the locks
+  std::lock_guard<std::mutex> changing(timelineChange_);
   target->setTimeline(timeline);
-  std::shared_ptr<KXSimpleTimeline> previous;  // dropped outside the lock
   std::lock_guard<std::mutex> lock(mutex_);
   previous = std::exchange(timelines_[boxName], std::move(timeline));
 }
@@ -169,7 +170,8 @@ void KXBehaviorManager::addTimelineLabel(const std::string& boxName, const std::
 }
 
 void KXBehaviorManager::removeTimeline(const std::string& boxName) {
-  std::shared_ptr<KXSimpleTimeline> dropped;  // released outside the lock
+  std::shared_ptr<KXSimpleTimeline> dropped;  // released outside the locks
+  std::lock_guard<std::mutex> changing(timelineChange_);
   {
     std::lock_guard<std::mutex> lock(mutex_);
     const auto found = timelines_.find(boxName);

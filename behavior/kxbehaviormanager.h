@@ -69,6 +69,9 @@ class KXBehaviorManager : public KXModule {
   // Calls the box's method `method` without arguments, when it has one.
   void callIfPresent(KXBehavior& box, const std::string& method);
 
+  // Serialises setTimeline and removeTimeline, so that a box and the table agree on its
+  // timeline; taken before mutex_, and only around setting a box's timeline.
+  std::mutex timelineChange_;
   std::mutex mutex_;
   std::set<std::string> loaded_;
   std::map<std::string, std::shared_ptr<KXSimpleTimeline>> timelines_;

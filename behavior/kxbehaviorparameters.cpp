@@ -140,13 +140,19 @@ void KXBehavior::setParentFromName(const std::string& parentName) {
   if (!parent) {
     KX_THROW(kBehaviorModule, "setParentFromName", prefix + ": parent is not a valid KXBehavior.");
   }
-  // A cycle would send parameter look-ups round it for ever.
-  for (std::shared_ptr<KXBehavior> ancestor = parent; ancestor; ancestor = ancestor->parentBox()) {
-    if (ancestor.get() == this) {
-      KX_THROW(kBehaviorModule, "setParentFromName", prefix + ": parent would make a cycle.");
-    }
-  }
   {
+    // A cycle would send parameter look-ups round it for ever. Looking for one and linking
+    // are one step for every box of the process: two boxes made each other's parent at
+    // once would each find no cycle. Taken before any box's lock, which are taken one at a
+    // time inside it.
+    static std::mutex parenting;
+    std::lock_guard<std::mutex> linking(parenting);
+    for (std::shared_ptr<KXBehavior> ancestor = parent; ancestor;
+         ancestor = ancestor->parentBox()) {
+      if (ancestor.get() == this) {
+        KX_THROW(kBehaviorModule, "setParentFromName", prefix + ": parent would make a cycle.");
+      }
+    }
     std::lock_guard<std::mutex> lock(impl_->mutex);
     impl_->parent = parent;
   }

@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -42,6 +43,17 @@ inline long envLong(const char* name, long fallback) {
 // The server program as a child process: started (and its port read) on construction,
 // stopped on destruction by closing its stdin, then SIGTERM, then SIGKILL. It gets SIGKILL
 // if this process dies first.
+// A field of /proc/<pid>/status in KiB ("VmRSS": the resident memory, "VmHWM": its peak).
+inline double statusKib(pid_t pid, const std::string& field) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.compare(0, field.size() + 1, field + ":") == 0) {
+      return std::stod(line.substr(field.size() + 1));
+    }
+  }
+  return 0;
+}
+
 class ServerProcess {
  public:
   // `argument`, when not empty, is passed to the server.

@@ -1,10 +1,12 @@
-// How remote calls grow: with the payload (1 KiB to 64 MiB echoed back), with the modules of
-// the serving broker (1 to 10,000), beside idle connections (0 to 1,000), and what a
-// connect/call/close cycle leaves in the server (its descriptors and threads, counted from
-// /proc before and after 10,000 cycles). The server is peer_bench_network_server, in a
-// process of its own.
+// How remote calls grow: with the payload (1 KiB to 64 MiB echoed back, Arrays of 1,000 to
+// 100,000 elements), with the modules of the serving broker (1 to 10,000), beside idle
+// connections (0 to 1,000), what a connect/call/close cycle leaves in the server (its
+// descriptors and threads, counted from /proc before and after 10,000 cycles), and the
+// resident memory of both sides over 1,000,000 calls. The server is
+// peer_bench_network_server, in a process of its own.
 #include <benchmark/benchmark.h>
 #include <dirent.h>
+#include <unistd.h>
 
 #include <map>
 #include <memory>
@@ -74,6 +76,29 @@ BENCHMARK(BM_EchoPayload)
     ->Unit(benchmark::kMicrosecond)
     ->UseRealTime();
 
+// Small values (Int, Float, String, a nested one-element Array, in turn) echoed back.
+void BM_EchoArray(benchmark::State& state) {
+  const auto size = static_cast<int>(state.range(0));
+  const std::unique_ptr<KXProxy> proxy = echoProxy(serverWith(1).port());
+  KXValue array;
+  array.arraySetSize(size);
+  for (int i = 0; i < size; ++i) {
+    const KXValue kinds[] = {KXValue(i), KXValue(i * 0.5f), KXValue("s" + std::to_string(i)),
+                             argumentsOf(KXValue(i % 2 == 0))};
+    array[i] = kinds[i % 4];
+  }
+  const KXValue arguments = argumentsOf(array);
+  KXValue result;
+  for (auto _ : state) result = proxy->genericCall("echo", arguments);
+  if (result != array) state.SkipWithError("the echo differs from what was sent");
+  state.SetItemsProcessed(state.iterations() * size);
+}
+BENCHMARK(BM_EchoArray)
+    ->RangeMultiplier(10)
+    ->Range(1000, 100000)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
 // Times small echo calls to the server on `port`.
 void timeSmallCalls(benchmark::State& state, int port) {
   const std::unique_ptr<KXProxy> proxy = echoProxy(port);
@@ -121,6 +146,27 @@ void BM_ConnectCallClose(benchmark::State& state) {
   state.counters["threads_after"] = countOf(server, "task");
 }
 BENCHMARK(BM_ConnectCallClose)->Iterations(10000)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+// Small calls on one connection, as a long-running proxy makes them; the counters are the
+// resident memory (KiB) of this process and of the server after a warm-up of 10,000 calls
+// and at the end: what the calls leave behind.
+void BM_ResidentMemoryOverCalls(benchmark::State& state) {
+  const bench::ServerProcess& server = serverWith(1);
+  const std::unique_ptr<KXProxy> proxy = echoProxy(server.port());
+  const KXValue arguments = argumentsOf(KXValue("key42"));
+  for (int i = 0; i < 10000; ++i) proxy->genericCall("echo", arguments);
+  const double clientWarm = bench::statusKib(::getpid(), "VmRSS");
+  const double serverWarm = bench::statusKib(server.pid(), "VmRSS");
+  for (auto _ : state) benchmark::DoNotOptimize(proxy->genericCall("echo", arguments));
+  state.counters["client_rss_warm"] = clientWarm;
+  state.counters["client_rss_end"] = bench::statusKib(::getpid(), "VmRSS");
+  state.counters["server_rss_warm"] = serverWarm;
+  state.counters["server_rss_end"] = bench::statusKib(server.pid(), "VmRSS");
+}
+BENCHMARK(BM_ResidentMemoryOverCalls)
+    ->Iterations(1000000)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
 
 }  // namespace
 

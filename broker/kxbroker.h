@@ -57,7 +57,9 @@ class KXBroker : public KXModuleHost, public std::enable_shared_from_this<KXBrok
   void init(const std::string& name, const std::string& ip, int port, const std::string& parentIp,
             int parentPort, int flags);
   // Stops the modules in reverse registration order, then the pool, and leaves the
-  // broker manager. Later calls do nothing.
+  // broker manager. Later calls do nothing, and return at once even while the first one
+  // is still stopping (they may come from a module's exit or a pool worker, which the
+  // first one waits for).
   void shutdown();
   bool isShuttingDown() const;
 

@@ -68,8 +68,8 @@ struct KXBrokerManager::Impl {
   std::mutex emptyBrokerCreation;
 
   // Guarded by lock. Insertion order, no duplicates.
-  std::vector<std::shared_ptr<KXBroker>> brokers;
-  std::shared_ptr<KXBroker> emptyBroker;
+  std::vector<std::shared_ptr<KXBroker>> brokers VELMO_GUARDED_BY(*lock);
+  std::shared_ptr<KXBroker> emptyBroker VELMO_GUARDED_BY(*lock);
 };
 
 std::shared_ptr<KXBrokerManager> KXBrokerManager::getInstance() {

@@ -30,7 +30,8 @@ namespace detail {
 //                              header naming its type (scripts, stylesheets, CSS; no header
 //                              for other kinds); the broker page when there is no such file
 // %XX escapes in the path are decoded first.
-// Reads the broker's state only; safe from any thread.
+// Reads the broker's state, and runs what the page needs: a module's own content page
+// and URL calls (methodCall below); safe from any thread.
 std::string answerPage(KXBroker& broker, const std::string& path);
 
 // Makes the URL call "<module>.<method>(<args>)": its result, or Invalid with the reason

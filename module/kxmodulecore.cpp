@@ -147,20 +147,25 @@ void KXModuleCore::execute(const std::string& method, const KXValue& params, KXV
   runLocked([&] { findMethod(method)->functor->call(params, result); });
 }
 
-bool KXModuleCore::enterCall() {
+bool KXModuleCore::admitCall() const {
   if (impl_->exiting.load()) {
     std::printf(
         "WARNING: Attempt to run a new task while shutting down. Task will not be executed.\n");
     std::fflush(stdout);
     return false;
   }
+  return true;
+}
+
+bool KXModuleCore::enterCall() VELMO_NO_THREAD_SAFETY_ANALYSIS {
+  if (!admitCall()) return false;
   // The module holds its lock for its whole life and the caller holds the module, so
   // the lock is taken directly: this is the hot path of every typed local call.
   impl_->executionLock->readLock();
   return true;
 }
 
-void KXModuleCore::leaveCall() { impl_->executionLock->unlock(); }
+void KXModuleCore::leaveCall() VELMO_NO_THREAD_SAFETY_ANALYSIS { impl_->executionLock->unlock(); }
 
 std::uint64_t KXModuleCore::getMethodTableVersion() const { return impl_->tableVersion.load(); }
 

@@ -35,7 +35,8 @@ class KXTaskMonitor;
 //
 // Thread-safety: every public member may be called from any thread once constructed;
 // calls of one module run concurrently, each under the shared side of the module's
-// execution lock. The describing functions are meant for the constructor.
+// execution lock (methods answered in another language excepted: they only check that the
+// module is not exiting). The describing functions are meant for the constructor.
 class KXModuleCore : public std::enable_shared_from_this<KXModuleCore> {
  public:
   // Binds the built-in methods of every module (see bindBuiltinMethods).
@@ -185,6 +186,9 @@ class KXModuleCore : public std::enable_shared_from_this<KXModuleCore> {
   // ... and gives it at least `count` parameters before a functor of that many is bound:
   // the missing ones are named "arg" followed by their position counted from 1.
   void completeParameters(std::size_t count);
+  // For such modules' calls, which run outside the execution lock: while the module is
+  // exiting, prints the exiting warning (as execute does) and returns false.
+  bool admitCall() const;
 
  private:
   // Takes the shared side of the execution lock, or prints the exiting warning and

@@ -34,7 +34,8 @@ class KXNetworkService {
   // Points the client side at the parent (endpoint "http://ip:port"), learning this
   // broker's own IP from it when it has none.
   virtual void configureClient(const std::string& endpoint, const std::string& ip) = 0;
-  // Registers this broker with its parent, then (when `useHeartBeat`) beats every second.
+  // Registers this broker with its parent, then (when `useHeartBeat`) beats every second,
+  // registering again whenever the parent went away or dropped it.
   virtual void registerClient(const std::string& ip, const int& port, const bool& useHeartBeat) = 0;
   // Leaves the parent: unregisters from it and ends the heartbeat.
   virtual void leaveParent() = 0;

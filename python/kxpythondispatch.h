@@ -70,6 +70,7 @@ class KXPythonDispatch : public Base, public KXPythonMethodBinder {
     // No lock of the module is held while Python runs: the interpreter lock is waited
     // for here, and a framework lock held meanwhile could close a cycle with a Python
     // thread that waits for the framework.
+    if (!this->admitCall()) return;
     const std::string error = python::callPython(this->getName(), method, params, result);
     if (!error.empty()) KX_THROW("KXPythonModule", "execute", error);
   }

@@ -24,8 +24,9 @@ class KXPythonBehavior;
 // there is no current broker in Python's world.").
 //
 // Called by Python with the interpreter lock held. Operations that only touch the
-// box's own data keep it; those that may wait, call another module or log release it
-// around their framework work. Deprecated operations log a warning (category "ivelmo").
+// box's own data keep it, even when they log (no log handler takes the interpreter
+// lock); those that may wait or call another module release it around their framework
+// work. Deprecated operations log a warning (category "ivelmo").
 class behavior : public baseModule {
  public:
   explicit behavior(char* name);

@@ -72,7 +72,8 @@ proxy::proxy(char* name, char* ip, int port) {
 }
 
 proxy::~proxy() {
-  // Closing a remote proxy's connection waits for a call still using it.
+  // Closing a remote proxy's connection may wait on the network; a call still using the
+  // connection keeps it open until that call ends.
   python::ScopedGILRelease release;
   proxy_.reset();
 }

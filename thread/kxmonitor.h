@@ -32,6 +32,7 @@ class KXMonitor {
   // Grows the pool by one worker when busy + 1 >= thread count, unless busy has reached
   // kBusyLimit, in which case it prints "INFO: Thread limit reached: (busy/count+5)".
   // A worker that cannot be created leaves the pool as it is (the launch logged why).
+  // Growth is a hint: two checks at once may each add a worker, within the pool's maximum.
   void checkLoad();
 
   int getFinishedCount() const;
@@ -51,9 +52,9 @@ class KXMonitor {
   const std::shared_ptr<KXMutex> mutex_;
 
   // Guarded by mutex_.
-  int finishedCount_ = 0;
-  long totalSeconds_ = 0;
-  long totalMicroseconds_ = 0;
+  int finishedCount_ VELMO_GUARDED_BY(*mutex_) = 0;
+  long totalSeconds_ VELMO_GUARDED_BY(*mutex_) = 0;
+  long totalMicroseconds_ VELMO_GUARDED_BY(*mutex_) = 0;
 };
 
 }  // namespace KX

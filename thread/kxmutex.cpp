@@ -90,21 +90,21 @@ void KXCondition::signal() { pthread_cond_signal(condition_.get()); }
 
 void KXCondition::broadcast() { pthread_cond_broadcast(condition_.get()); }
 
-KXScopedLock::KXScopedLock(std::shared_ptr<KXMutex> mutex) : mutex_(std::move(mutex)) {
+KXScopedLock::KXScopedLock(const std::shared_ptr<KXMutex>& mutex) : mutex_(mutex) {
   KX_ASSERT("KXScopedLock", mutex_ != nullptr);
   mutex_->lock();
 }
 
 KXScopedLock::~KXScopedLock() { mutex_->unlock(); }
 
-KXScopedReadLock::KXScopedReadLock(std::shared_ptr<KXMutexRW> lock) : lock_(std::move(lock)) {
+KXScopedReadLock::KXScopedReadLock(const std::shared_ptr<KXMutexRW>& lock) : lock_(lock) {
   KX_ASSERT("KXScopedReadLock", lock_ != nullptr);
   lock_->readLock();
 }
 
 KXScopedReadLock::~KXScopedReadLock() { lock_->unlock(); }
 
-KXScopedWriteLock::KXScopedWriteLock(std::shared_ptr<KXMutexRW> lock) : lock_(std::move(lock)) {
+KXScopedWriteLock::KXScopedWriteLock(const std::shared_ptr<KXMutexRW>& lock) : lock_(lock) {
   KX_ASSERT("KXScopedWriteLock", lock_ != nullptr);
   lock_->writeLock();
 }

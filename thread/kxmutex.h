@@ -5,6 +5,8 @@
 
 #include <memory>
 
+#include "thread/kxthreadsafety.h"
+
 // Shared lock and condition wrappers over POSIX objects, and their scoped lockers.
 //
 // Every wrapper owns one separately allocated POSIX object, created with default
@@ -19,7 +21,7 @@ namespace KX {
 class KXCondition;
 
 // A plain (non-recursive) mutex.
-class KXMutex {
+class VELMO_CAPABILITY("mutex") KXMutex {
  public:
   KXMutex();
   virtual ~KXMutex();
@@ -28,8 +30,8 @@ class KXMutex {
 
   static std::shared_ptr<KXMutex> create();
 
-  void lock();
-  void unlock();
+  void lock() VELMO_ACQUIRE();
+  void unlock() VELMO_RELEASE();
 
  private:
   friend class KXCondition;
@@ -37,7 +39,7 @@ class KXMutex {
 };
 
 // A reader/writer lock: many readers at once, or one writer.
-class KXMutexRW {
+class VELMO_CAPABILITY("mutex") KXMutexRW {
  public:
   KXMutexRW();
   virtual ~KXMutexRW();
@@ -46,10 +48,10 @@ class KXMutexRW {
 
   static std::shared_ptr<KXMutexRW> create();
 
-  void readLock();
-  void writeLock();
+  void readLock() VELMO_ACQUIRE_SHARED();
+  void writeLock() VELMO_ACQUIRE();
   // Releases whichever side the calling thread holds.
-  void unlock();
+  void unlock() VELMO_RELEASE_GENERIC();
 
  private:
   std::unique_ptr<pthread_rwlock_t> lock_;
@@ -67,10 +69,10 @@ class KXCondition {
   static std::shared_ptr<KXCondition> create();
 
   // Atomically releases `mutex`, waits for a signal, and takes `mutex` back.
-  void wait(KXMutex& mutex);
-  void wait(const std::shared_ptr<KXMutex>& mutex);
+  void wait(KXMutex& mutex) VELMO_REQUIRES(mutex);
+  void wait(const std::shared_ptr<KXMutex>& mutex) VELMO_REQUIRES(*mutex);
   // As wait, giving up after `milliseconds` of the wall clock; returns false on timeout.
-  bool timedWait(KXMutex& mutex, long milliseconds);
+  bool timedWait(KXMutex& mutex, long milliseconds) VELMO_REQUIRES(mutex);
   // Wakes one waiter.
   void signal();
   // Wakes every waiter.
@@ -81,10 +83,10 @@ class KXCondition {
 };
 
 // Holds a KXMutex locked for its lifetime.
-class KXScopedLock {
+class VELMO_SCOPED_CAPABILITY KXScopedLock {
  public:
-  explicit KXScopedLock(std::shared_ptr<KXMutex> mutex);
-  ~KXScopedLock();
+  explicit KXScopedLock(const std::shared_ptr<KXMutex>& mutex) VELMO_ACQUIRE(*mutex);
+  ~KXScopedLock() VELMO_RELEASE();
   KXScopedLock(const KXScopedLock&) = delete;
   KXScopedLock& operator=(const KXScopedLock&) = delete;
 
@@ -93,10 +95,10 @@ class KXScopedLock {
 };
 
 // Holds the shared (read) side of a KXMutexRW for its lifetime.
-class KXScopedReadLock {
+class VELMO_SCOPED_CAPABILITY KXScopedReadLock {
  public:
-  explicit KXScopedReadLock(std::shared_ptr<KXMutexRW> lock);
-  ~KXScopedReadLock();
+  explicit KXScopedReadLock(const std::shared_ptr<KXMutexRW>& lock) VELMO_ACQUIRE_SHARED(*lock);
+  ~KXScopedReadLock() VELMO_RELEASE();
   KXScopedReadLock(const KXScopedReadLock&) = delete;
   KXScopedReadLock& operator=(const KXScopedReadLock&) = delete;
 
@@ -105,10 +107,10 @@ class KXScopedReadLock {
 };
 
 // Holds the exclusive (write) side of a KXMutexRW for its lifetime.
-class KXScopedWriteLock {
+class VELMO_SCOPED_CAPABILITY KXScopedWriteLock {
  public:
-  explicit KXScopedWriteLock(std::shared_ptr<KXMutexRW> lock);
-  ~KXScopedWriteLock();
+  explicit KXScopedWriteLock(const std::shared_ptr<KXMutexRW>& lock) VELMO_ACQUIRE(*lock);
+  ~KXScopedWriteLock() VELMO_RELEASE();
   KXScopedWriteLock(const KXScopedWriteLock&) = delete;
   KXScopedWriteLock& operator=(const KXScopedWriteLock&) = delete;
 

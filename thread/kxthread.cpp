@@ -213,6 +213,11 @@ void KXThread::stop() {
     stopRequested_.store(true);
     task = currentTask_;
   }
+  {
+    // A sleeping worker outside any pool has no one else to wake it.
+    KXScopedLock guard(wakeMutex_);
+    wakeCondition_->broadcast();
+  }
   // Called after the lock is released: a hook may call back into the pool or wait for
   // its run() to notice, and neither must hold up this worker.
   if (task != nullptr) task->stop();

@@ -91,8 +91,8 @@ class KXThread : public std::enable_shared_from_this<KXThread> {
   // Guards startTime_ and currentTask_. Lock order: this lock, then the pool's queue
   // mutex, then its wake mutex.
   const std::shared_ptr<KXMutexRW> lock_;
-  timeval startTime_{};
-  std::shared_ptr<KXTask> currentTask_;
+  timeval startTime_ VELMO_GUARDED_BY(*lock_){};
+  std::shared_ptr<KXTask> currentTask_ VELMO_GUARDED_BY(*lock_);
 
   // Set by launch; read by join, which runs after launch.
   pthread_t handle_{};

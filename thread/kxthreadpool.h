@@ -90,7 +90,7 @@ class KXThreadPool : public std::enable_shared_from_this<KXThreadPool> {
 
  private:
   // Stores, launches and counts one worker in slot threadCount_; pool mutex held.
-  void addWorker();
+  void addWorker() VELMO_REQUIRES(*poolMutex_);
 
   // Constant after construction.
   const int maxThreadCount_;
@@ -106,20 +106,20 @@ class KXThreadPool : public std::enable_shared_from_this<KXThreadPool> {
   const std::shared_ptr<KXPendingWork> pendingWork_;
 
   // Guarded by poolMutex_. Slots 0 to threadCount_-1 of threads_ hold the workers.
-  int threadCount_;
-  int toRemove_ = 0;
-  bool initialised_ = false;
-  bool shutDown_ = false;
-  std::vector<std::shared_ptr<KXThread>> threads_;
+  int threadCount_ VELMO_GUARDED_BY(*poolMutex_);
+  int toRemove_ VELMO_GUARDED_BY(*poolMutex_) = 0;
+  bool initialised_ VELMO_GUARDED_BY(*poolMutex_) = false;
+  bool shutDown_ VELMO_GUARDED_BY(*poolMutex_) = false;
+  std::vector<std::shared_ptr<KXThread>> threads_ VELMO_GUARDED_BY(*poolMutex_);
   // Set once by init, under poolMutex_; workers start after it is set.
   std::unique_ptr<KXMonitor> monitor_;
 
   // Guarded by busyLock_.
-  int busyCount_ = 0;
+  int busyCount_ VELMO_GUARDED_BY(*busyLock_) = 0;
 
   // Guarded by queueMutex_. Once closed_, nothing enters the queue again.
-  std::deque<std::shared_ptr<KXTask>> queue_;
-  bool closed_ = false;
+  std::deque<std::shared_ptr<KXTask>> queue_ VELMO_GUARDED_BY(*queueMutex_);
+  bool closed_ VELMO_GUARDED_BY(*queueMutex_) = false;
 };
 
 }  // namespace KX

@@ -10,6 +10,7 @@ packages=(
   python3 python3-dev python3-pytest
   libgtest-dev libgmock-dev libbenchmark-dev
   binutils xsltproc gcovr
+  iproute2 nftables
   clang libclang-rt-14-dev
   chromium chromium-driver python3-selenium
 )

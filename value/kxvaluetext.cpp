@@ -112,8 +112,8 @@ float streamToFloat(const char* text, size_t size) {
 }
 
 // Deduces then parses: what unSerializeFromText does on a value known to be Invalid.
-void parseFresh(KXValue& value, const char* text, size_t length) {
-  KXValueText::parseAs(value, KXValueText::deduceType(text, length), text, length);
+void parseFresh(KXValue& value, const char* text, size_t length, int depth) {
+  KXValueText::parseAs(value, KXValueText::deduceType(text, length), text, length, depth);
 }
 
 }  // namespace
@@ -256,7 +256,13 @@ int KXValueText::deduceType(const char* text, size_t length) {
   return dot ? KXValue::TypeFloat : KXValue::TypeInt;
 }
 
-void KXValueText::parseAs(KXValue& value, int type, const char* text, size_t length) {
+void KXValueText::parseAs(KXValue& value, int type, const char* text, size_t length, int depth) {
+  // Checked before the text is scanned, which each level does again; unlike the other
+  // errors, this one leaves the text out: it would repeat the whole input.
+  if (depth > kMaxDepth) {
+    KX_THROW(kModule, "unSerializeFromText",
+             "value too deeply nested (more than " + std::to_string(kMaxDepth) + " levels)");
+  }
   const size_t size = textSize(text, length);
   switch (type) {
     case KXValue::TypeInvalid:
@@ -272,20 +278,20 @@ void KXValueText::parseAs(KXValue& value, int type, const char* text, size_t len
         size_t start = static_cast<size_t>(open - text) + 1;
         for (;;) {
           size_t end = start;
-          int depth = 0;
+          int brackets = 0;
           for (; end < size; ++end) {
             const char c = text[end];
             if (c == '[') {
-              ++depth;
+              ++brackets;
             } else if (c == ']') {
-              if (depth == 0) break;
-              --depth;
-            } else if (c == ',' && depth == 0) {
+              if (brackets == 0) break;
+              --brackets;
+            } else if (c == ',' && brackets == 0) {
               break;
             }
           }
           elements->emplace_back();
-          parseFresh(elements->back(), text + start, end - start);
+          parseFresh(elements->back(), text + start, end - start, depth + 1);
           if (end >= size) break;  // the text ended inside the element
           start = end + 1;
           if (start >= size) break;  // nothing follows the separator

@@ -50,7 +50,6 @@ KXBrokerImpl::KXBrokerImpl(KXBroker* self)
     : self_(self),
       shutdownMutex_(KXMutex::create()),
       moduleLock_(KXMutexRW::create()),
-      proxyLock_(KXMutexRW::create()),
       taskIdMutex_(KXMutex::create()) {}
 
 KXBrokerImpl::~KXBrokerImpl() = default;
@@ -145,12 +144,7 @@ void KXBrokerImpl::shutdown() {
     leftOver.swap(modules_);
   }
   leftOver.clear();
-  std::map<std::string, std::shared_ptr<KXProxy>> proxies;
-  {
-    KXScopedWriteLock guard(proxyLock_);
-    proxies.swap(proxies_);
-  }
-  proxies.clear();
+  proxies_.clear();
 
   // Safe from one of the pool's own workers: the pool then waits for the others only.
   if (auto pool = getThreadPool()) {
@@ -220,7 +214,7 @@ void KXBrokerImpl::registerModule(const std::string& name,
     }
     previous = slot;
   }
-  forgetProxy(name);
+  proxies_.forget(name);
 }
 
 void KXBrokerImpl::unregisterModule(const std::string& name, const KXModuleCore* module) {
@@ -234,17 +228,8 @@ void KXBrokerImpl::unregisterModule(const std::string& name, const KXModuleCore*
     removed = std::move(found->second);
     modules_.erase(found);
   }
-  forgetProxy(name);
+  proxies_.forget(name);
   // `removed` may be the last owner: the module is destroyed here, outside the lock.
-}
-
-void KXBrokerImpl::forgetProxy(const std::string& name) {
-  std::shared_ptr<KXProxy> stale;
-  KXScopedWriteLock guard(proxyLock_);
-  auto found = proxies_.find(name);
-  if (found == proxies_.end()) return;
-  stale = std::move(found->second);
-  proxies_.erase(found);
 }
 
 std::shared_ptr<KXModuleCore> KXBrokerImpl::getModuleCore(const std::string& name) const {
@@ -315,18 +300,8 @@ int KXBrokerImpl::post(const std::string& module, const std::string& method,
 // that pass the address form's two options.
 std::shared_ptr<KXProxy> KXBrokerImpl::getProxy(const std::string& module, int flags,
                                                 int /*reserved*/) {
-  {
-    KXScopedReadLock guard(proxyLock_);
-    auto found = proxies_.find(module);
-    if (found != proxies_.end()) {
-      return found->second;
-    }
-  }
-  // Built outside the lock: the proxy's construction searches this broker's modules.
-  auto proxy = std::make_shared<KXProxy>(self_->shared_from_this(), module, flags);
-  KXScopedWriteLock guard(proxyLock_);
-  proxies_[module] = proxy;
-  return proxy;
+  return proxies_.get(
+      module, [&] { return std::make_shared<KXProxy>(self_->shared_from_this(), module, flags); });
 }
 
 int KXBrokerImpl::newTaskId() {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "broker/detail/kxchildbrokers.h"
+#include "broker/detail/kxproxycache.h"
 #include "broker/kxbroker.h"
 #include "module/kxmoduleinfo.h"
 #include "thread/kxmutex.h"
@@ -32,9 +33,10 @@ class KXTaskInfo;
 //
 // Lock order (a lock may be taken while holding the ones before it, never the reverse):
 //   shutdown mutex -> module table lock -> state mutex
-//   proxy table lock (alone), task id mutex (alone).
-// No lock of the broker is held while a module's exit() or a method runs: both may call
-// back into the broker (exit unregisters the module, a method may post or shut down).
+//   proxy cache's lock (alone), task id mutex (alone).
+// No lock of the broker is held while a module's exit() or a method runs (but for the
+// shutdown mutex, which only init and shutdown take): both may call back into the broker
+// (exit unregisters the module, a method may post or shut down).
 class KXBrokerImpl {
  public:
   explicit KXBrokerImpl(KXBroker* self);
@@ -96,9 +98,9 @@ class KXBrokerImpl {
   std::shared_ptr<KXTaskMonitor> getTaskMonitor() const;
 
  private:
-  // Drops the shared proxy to `name`: it points at a module that has left (or been
-  // replaced), and the next getProxy builds one to whatever is registered then.
-  void forgetProxy(const std::string& name);
+  // Unregisters the child `name` (only the record `only`, when given: a child found silent
+  // that registered again meanwhile stays).
+  void dropChild(const std::string& name, const KXChildBrokers::Child* only);
   // Shutdown's first step: leaves the parent and drops the children.
   void leaveTree();
   // Raises `event` with `value` in this broker's "KXMemory" module, when it has one.
@@ -116,7 +118,6 @@ class KXBrokerImpl {
   KXBroker* const self_;
   const std::shared_ptr<KXMutex> shutdownMutex_;
   const std::shared_ptr<KXMutexRW> moduleLock_;
-  const std::shared_ptr<KXMutexRW> proxyLock_;
   const std::shared_ptr<KXMutex> taskIdMutex_;
 
   // True from construction until init, and again after shutdown.
@@ -138,16 +139,16 @@ class KXBrokerImpl {
   std::shared_ptr<KXBrokerProxy> parent_;  // set by configureClient
 
   // Guarded by moduleLock_. The counter only grows: it gives each registration its index.
-  std::map<std::string, std::shared_ptr<KXModuleCore>> modules_;
-  int registrationCounter_ = 0;
+  std::map<std::string, std::shared_ptr<KXModuleCore>> modules_ VELMO_GUARDED_BY(*moduleLock_);
+  int registrationCounter_ VELMO_GUARDED_BY(*moduleLock_) = 0;
 
   KXChildBrokers children_;
 
-  // Guarded by proxyLock_.
-  std::map<std::string, std::shared_ptr<KXProxy>> proxies_;
+  // Forgotten whenever a name's module leaves or is replaced.
+  KXProxyCache proxies_;
 
   // Guarded by taskIdMutex_.
-  int lastTaskId_ = 0;
+  int lastTaskId_ VELMO_GUARDED_BY(*taskIdMutex_) = 0;
 };
 
 }  // namespace KX

@@ -165,7 +165,7 @@ std::vector<KXModuleInfo> KXBrokerImpl::getGlobalModuleList() {
   for (const auto& name : names) {
     list.push_back(describeLocalModule(name));
   }
-  std::vector<std::string> silent;
+  std::vector<std::shared_ptr<KXChildBrokers::Child>> silent;
   for (const auto& child : children_.snapshot()) {
     std::vector<KXModuleInfo> childModules;
     try {
@@ -173,13 +173,13 @@ std::vector<KXModuleInfo> KXBrokerImpl::getGlobalModuleList() {
     } catch (const KXError&) {
       TU_LOG(tu::log::info, kCategory, "KX::KXBrokerImpl::getGlobalModuleList")
           << child->info.name << " not responding, remove it" << std::endl;
-      silent.push_back(child->info.name);
+      silent.push_back(child);
       continue;
     }
     list.insert(list.end(), childModules.begin(), childModules.end());
   }
-  for (const auto& name : silent) {
-    unregisterBroker(name);
+  for (const auto& child : silent) {
+    dropChild(child->info.name, child.get());
   }
   return list;
 }
@@ -222,8 +222,10 @@ void KXBrokerImpl::registerBroker(const KXBrokerInfo& info) {
   network->startHeartBeatCheck();
 }
 
-void KXBrokerImpl::unregisterBroker(const std::string& name) {
-  if (!children_.remove(name)) {
+void KXBrokerImpl::unregisterBroker(const std::string& name) { dropChild(name, nullptr); }
+
+void KXBrokerImpl::dropChild(const std::string& name, const KXChildBrokers::Child* only) {
+  if (!children_.remove(name, only)) {
     return;
   }
   raiseMemoryEvent("ClientDisconnected", name);
@@ -239,18 +241,18 @@ void KXBrokerImpl::checkHeartBeat() {
     TU_LOG(tu::log::info, kCategory, "KX::KXBrokerImpl::checkHeartBeat")
         << "Client \"" << name << "\" is not responding..." << std::endl;
   }
-  for (const auto& name : result.lost) {
+  for (const auto& child : result.lost) {
     TU_LOG(tu::log::info, kCategory, "KX::KXBrokerImpl::checkHeartBeat")
-        << "Client \"" << name << "\" was lost" << std::endl;
+        << "Client \"" << child->info.name << "\" was lost" << std::endl;
   }
-  for (const auto& name : result.lost) {
-    unregisterBroker(name);
+  for (const auto& child : result.lost) {
+    dropChild(child->info.name, child.get());
   }
 }
 
 std::vector<KXBrokerInfo> KXBrokerImpl::getChildBrokers() const { return children_.infos(); }
 
-void KXBrokerImpl::unregisterModuleReference(const std::string& name) { forgetProxy(name); }
+void KXBrokerImpl::unregisterModuleReference(const std::string& name) { proxies_.forget(name); }
 
 void KXBrokerImpl::raiseMemoryEvent(const std::string& event, const std::string& value) {
   std::shared_ptr<KXModuleCore> memory = getModuleCore("KXMemory");

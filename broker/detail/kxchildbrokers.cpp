@@ -17,10 +17,11 @@ std::shared_ptr<KXChildBrokers::Child> KXChildBrokers::add(const KXBrokerInfo& i
   return previous;
 }
 
-std::shared_ptr<KXChildBrokers::Child> KXChildBrokers::remove(const std::string& name) {
+std::shared_ptr<KXChildBrokers::Child> KXChildBrokers::remove(const std::string& name,
+                                                              const Child* only) {
   KXScopedWriteLock guard(lock_);
   auto found = children_.find(name);
-  if (found == children_.end()) {
+  if (found == children_.end() || (only != nullptr && found->second.child.get() != only)) {
     return nullptr;
   }
   std::shared_ptr<Child> removed = std::move(found->second.child);
@@ -64,7 +65,11 @@ KXChildBrokers::CheckResult KXChildBrokers::check(Clock::time_point now) {
       continue;
     }
     ++record.missed;
-    (record.missed <= kMaxMissedChecks ? result.notResponding : result.lost).push_back(entry.first);
+    if (record.missed <= kMaxMissedChecks) {
+      result.notResponding.push_back(entry.first);
+    } else {
+      result.lost.push_back(record.child);
+    }
   }
   return result;
 }

@@ -37,8 +37,9 @@ class KXChildBrokers {
 
   // Stores the child under its name; returns the record it replaces, if any.
   std::shared_ptr<Child> add(const KXBrokerInfo& info, std::shared_ptr<KXBrokerProxy> proxy);
-  // Removes the child; null when there was none of that name.
-  std::shared_ptr<Child> remove(const std::string& name);
+  // Removes the child of that name, when given `only` if the name still holds that record
+  // (a child found silent may have registered again meanwhile); null when none was removed.
+  std::shared_ptr<Child> remove(const std::string& name, const Child* only = nullptr);
   // Removes every child, for a broker that shuts down.
   std::vector<std::shared_ptr<Child>> clear();
 
@@ -47,7 +48,8 @@ class KXChildBrokers {
 
   struct CheckResult {
     std::vector<std::string> notResponding;  // silent, still within the allowance
-    std::vector<std::string> lost;           // silent past the allowance: to be dropped
+    // Silent past the allowance: to be dropped, by record.
+    std::vector<std::shared_ptr<Child>> lost;
   };
   // Counts a missed check for every beating child silent for longer than
   // kHeartBeatSilence, and clears the count of the others.
@@ -66,7 +68,7 @@ class KXChildBrokers {
   };
 
   const std::shared_ptr<KXMutexRW> lock_;
-  std::map<std::string, Record> children_;  // guarded by lock_
+  std::map<std::string, Record> children_ VELMO_GUARDED_BY(*lock_);
 };
 
 }  // namespace KX

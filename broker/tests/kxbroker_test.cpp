@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "broker/detail/kxchildbrokers.h"
+#include "broker/detail/kxproxycache.h"
 #include "broker/kxbrokermanager.h"
 #include "broker/tests/broker_test_support.h"
 #include "module/kxproxy.h"
@@ -253,6 +254,46 @@ TEST_F(BrokerTest, RacingRegistrationsOfOneNameExitEveryModuleDisplaced) {
   registered->exit();
 }
 
+// A forget() during a build (the name's module left or was replaced meanwhile) means the
+// proxy built may be bound to a module that is gone: it is built again, and kept only once
+// a build ran without a forget; past the last attempt it is handed out unkept.
+TEST_F(BrokerTest, AProxyCacheKeepsOnlyAProxyBuiltWithoutAForgetDuringItsBuild) {
+  createModule<Calculator>(broker_, "Calc");
+  const struct {
+    int forgettingBuilds;
+    int builds;
+    bool kept;
+  } cases[] = {{0, 1, true}, {1, 2, true}, {3, 4, true}, {4, 4, false}, {9, 4, false}};
+  for (const auto& c : cases) {
+    KXProxyCache cache;
+    int builds = 0;
+    std::shared_ptr<KXProxy> last;
+    const KXProxyCache::Build build = [&] {
+      if (++builds <= c.forgettingBuilds) cache.forget("Other");
+      return last = std::make_shared<KXProxy>(broker_, "Calc");
+    };
+    const std::shared_ptr<KXProxy> got = cache.get("Calc", build);
+    EXPECT_EQ(got, last) << c.forgettingBuilds;
+    EXPECT_EQ(builds, c.builds) << c.forgettingBuilds;
+    EXPECT_EQ(cache.get("Calc", build) == got, c.kept) << c.forgettingBuilds;
+  }
+}
+
+// Two callers that both missed: the first proxy kept is the one both get.
+TEST_F(BrokerTest, AProxyCacheHandsTheFirstKeptProxyToARacingBuild) {
+  createModule<Calculator>(broker_, "Calc");
+  KXProxyCache cache;
+  const auto build = [&] { return std::make_shared<KXProxy>(broker_, "Calc"); };
+  std::shared_ptr<KXProxy> keptMeanwhile;
+  const std::shared_ptr<KXProxy> got = cache.get("Calc", [&] {
+    keptMeanwhile = cache.get("Calc", build);
+    return build();
+  });
+  EXPECT_EQ(got, keptMeanwhile);
+  cache.forget("Calc");
+  EXPECT_NE(cache.get("Calc", build), got);
+}
+
 TEST(ChildBrokersTest, ASilentChildIsNotRespondingFiveTimesThenLost) {
   KXChildBrokers children;
   KXBrokerInfo arm;
@@ -271,9 +312,33 @@ TEST(ChildBrokersTest, ASilentChildIsNotRespondingFiveTimesThenLost) {
   for (int check = 1; check <= 6; ++check) {
     const auto result = children.check(silent);
     EXPECT_EQ(result.notResponding, check <= 5 ? Names{"arm"} : Names{}) << "check " << check;
-    EXPECT_EQ(result.lost, check <= 5 ? Names{} : Names{"arm"}) << "check " << check;
+    Names lost;
+    for (const auto& child : result.lost) lost.push_back(child->info.name);
+    EXPECT_EQ(lost, check <= 5 ? Names{} : Names{"arm"}) << "check " << check;
   }
   EXPECT_FALSE(children.heartBeat("stranger"));
+}
+
+// A child found lost that registered again before it was dropped stays.
+TEST(ChildBrokersTest, OnlyTheRecordFoundLostIsRemoved) {
+  KXChildBrokers children;
+  KXBrokerInfo arm;
+  arm.name = "arm";
+  children.add(arm, nullptr);
+  children.heartBeat("arm");
+  const auto silent = KXChildBrokers::Clock::now() + std::chrono::seconds(12);
+  std::vector<std::shared_ptr<KXChildBrokers::Child>> lost;
+  for (int check = 0; lost.empty() && check <= KXChildBrokers::kMaxMissedChecks; ++check) {
+    lost = children.check(silent).lost;
+  }
+  ASSERT_EQ(lost.size(), 1u);
+  arm.port = 9600;
+  children.add(arm, nullptr);
+  EXPECT_EQ(children.remove("arm", lost[0].get()), nullptr);
+  ASSERT_EQ(children.infos().size(), 1u);
+  EXPECT_EQ(children.infos()[0].port, 9600);
+  EXPECT_NE(children.remove("arm", children.snapshot()[0].get()), nullptr);
+  EXPECT_TRUE(children.empty());
 }
 
 TEST(ChildBrokersTest, ARegistrationUnderATakenNameReplacesTheChild) {

@@ -190,6 +190,7 @@ BrokerConnection::State BrokerConnection::serve(const BrokerRequestHandler& hand
     if (rounds == Rounds::UntilIdle && !receiveWithinWake(soap)) {
       return State::Idle;
     }
+    startRequestClock(soap);
     if (soap->keep_alive > 0 && soap->max_keep_alive > 0) {
       --soap->keep_alive;
     }

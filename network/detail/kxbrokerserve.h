@@ -39,10 +39,12 @@ using BrokerRequestHandler =
 // request arrives).
 //
 // A request that cannot be read or carried out gets its fault and the connection goes on
-// serving. At most soap->max_keep_alive requests are served (0: no limit). Binary leaves of
-// a callVelmo parameter take the DIME attachments received, in walk order; the Binary
-// leaves of its result go out as attachments ("application/octet-stream", id "image").
-// Message data are freed after every request. Not thread-safe: one round at a time.
+// serving; on a connection set up by useKernelTimeouts, one that does not come whole in
+// time (startRequestClock) ends the connection. At most soap->max_keep_alive requests are
+// served (0: no limit). Binary leaves of a callVelmo parameter take the DIME attachments
+// received, in walk order; the Binary leaves of its result go out as attachments
+// ("application/octet-stream", id "image"). Message data are freed after every request.
+// Not thread-safe: one round at a time.
 class BrokerConnection {
  public:
   enum class State { Idle, Closed };

@@ -115,12 +115,19 @@ std::size_t field16(const unsigned char* at) { return std::size_t{at[0]} << 8 | 
 
 int failWith(struct soap* soap, int error) { return soap->error = error; }
 
-// Makes `buffer` `size` bytes long. A large buffer is fresh memory that its first writes
-// fault in page by page; asking for large pages there makes that one fault per 2 MiB.
-void growForAttachment(KXValue::TKXValueBinary& buffer, std::size_t size) {
+// Makes room in `buffer` for it to grow to `wanted` bytes, without touching the room: at once
+// for up to kReserveAhead bytes beyond what it holds, further by doubling as it fills (a
+// record's header may claim far more than its peer ever sends). A large buffer is fresh
+// memory that its first writes fault in page by page; asking for large pages there makes
+// that one fault per 2 MiB.
+void reserveForAttachment(KXValue::TKXValueBinary& buffer, std::size_t wanted) {
   constexpr std::uintptr_t kLargePage = 2u * 1024u * 1024u;
-  if (size >= 2 * kLargePage && buffer.capacity() < size) {
-    buffer.reserve(size);
+  constexpr std::size_t kReserveAhead = 64u * 1024u * 1024u;
+  const std::size_t size =
+      std::min(wanted, std::max(buffer.size() + kReserveAhead, 2 * buffer.capacity()));
+  if (buffer.capacity() >= size) return;
+  buffer.reserve(size);
+  if (size >= 2 * kLargePage) {
     const auto first = reinterpret_cast<std::uintptr_t>(buffer.data() + buffer.size());
     const std::uintptr_t begin = (first + kLargePage - 1) & ~(kLargePage - 1);
     const std::uintptr_t end =
@@ -129,7 +136,20 @@ void growForAttachment(KXValue::TKXValueBinary& buffer, std::size_t size) {
       ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
     }
   }
-  buffer.resize(size);
+}
+
+// Reads the `size` data bytes of a record onto the end of `buffer`, which grows by
+// kAttachmentReadStep at a time as the bytes come.
+bool receiveRecordData(struct soap* soap, KXValue::TKXValueBinary& buffer, std::size_t size) {
+  for (std::size_t left = size; left > 0;) {
+    const std::size_t at = buffer.size();
+    const std::size_t step = std::min(left, kAttachmentReadStep);
+    reserveForAttachment(buffer, at + left);
+    buffer.resize(at + step);
+    if (!readMessageBytes(soap, reinterpret_cast<char*>(buffer.data()) + at, step)) return false;
+    left -= step;
+  }
+  return true;
 }
 
 }  // namespace
@@ -168,17 +188,24 @@ int receiveDimeAttachments(struct soap* soap) {
       return failWith(soap, SOAP_EOF);
     }
     if (!continued) buffers.emplace_back();
-    KXValue::TKXValueBinary& buffer = buffers.back();
-    const std::size_t at = buffer.size();
-    growForAttachment(buffer, at + size);
-    if (!readMessageBytes(soap, reinterpret_cast<char*>(buffer.data()) + at, size) ||
-        !skip(soap, paddingOf(size))) {
+    if (!receiveRecordData(soap, buffers.back(), size) || !skip(soap, paddingOf(size))) {
       return failWith(soap, SOAP_EOF);
     }
     continued = (header[0] & SOAP_DIME_CF) != 0;
     last = (header[0] & SOAP_DIME_ME) != 0;
   }
   return SOAP_OK;
+}
+
+void adoptRuntimeAttachments(struct soap* soap) {
+  ReceivedAttachments* received = receivedOf(soap);
+  if (received == nullptr) return;
+  for (const soap_multipart* part : {soap->dime.list, soap->mime.list}) {
+    for (; part != nullptr; part = part->next) {
+      const auto* bytes = reinterpret_cast<const unsigned char*>(part->ptr);
+      received->buffers.emplace_back(bytes, bytes + (bytes != nullptr ? part->size : 0));
+    }
+  }
 }
 
 void takeAttachments(struct soap* soap, KXValue& value) {

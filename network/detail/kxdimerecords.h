@@ -22,6 +22,10 @@ namespace KX {
 // peer can make us spend (the message fails beyond it).
 constexpr std::size_t kMaxAttachmentBytes = 512u * 1024u * 1024u;
 
+// Attachment bytes are given room this many at a time as they come: a record that claims
+// more than its peer sends costs memory for what was sent only.
+constexpr std::size_t kAttachmentReadStep = 1024u * 1024u;
+
 // How every attachment of ours is typed and named.
 constexpr char kAttachmentType[] = "application/octet-stream";
 constexpr char kAttachmentId[] = "image";
@@ -55,6 +59,10 @@ void installDimeRecords(struct soap* soap);
 // beyond kMaxAttachmentBytes, SOAP_DIME_MISMATCH for a record of another DIME version,
 // SOAP_DIME_ERROR for an envelope in chunks).
 int receiveDimeAttachments(struct soap* soap);
+
+// Takes the attachments the runtime read itself (a body sent in HTTP chunks, or MIME) as
+// received ones, in their order: copied, once the runtime has read the message whole.
+void adoptRuntimeAttachments(struct soap* soap);
 
 // Gives the k-th Binary leaf of `value` the k-th attachment received (its buffer, not a
 // copy); leaves beyond the attachments keep the bytes of their XML form.

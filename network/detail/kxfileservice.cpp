@@ -546,8 +546,12 @@ fs::path userDataBase() {
 }  // namespace
 
 KXFileService::KXFileService(std::map<std::string, fs::path> roots, PageRenderer pages,
-                             std::shared_ptr<const KXAccessPolicy> access)
-    : roots_(std::move(roots)), pages_(std::move(pages)), access_(std::move(access)) {}
+                             std::shared_ptr<const KXAccessPolicy> access,
+                             std::uint64_t maxPutBytes)
+    : roots_(std::move(roots)),
+      pages_(std::move(pages)),
+      access_(std::move(access)),
+      maxPutBytes_(maxPutBytes) {}
 
 std::map<std::string, fs::path> KXFileService::defaultRoots() {
   const fs::path base = userDataBase();
@@ -767,8 +771,8 @@ int KXFileService::servePut(struct soap* soap) const {
 
   // An answer given before the body was stored. A body of known, acceptable length is read
   // and dropped first, so that the connection carries the next request; any other ends it.
-  const auto reject = [soap, lengthKnown, length](int code) {
-    if (lengthKnown && length <= kMaxPutBytes) {
+  const auto reject = [this, soap, lengthKnown, length](int code) {
+    if (lengthKnown && length <= maxPutBytes_) {
       const BodyResult drained =
           receiveBody(soap, length, [](const char*, std::size_t) { return true; });
       if (drained != BodyResult::complete) return answered(soap, false);
@@ -785,7 +789,7 @@ int KXFileService::servePut(struct soap* soap) const {
   }
   if (target.kind == Target::Kind::page || isReadOnlyRoot(target.root)) return reject(403);
   if (!lengthKnown) return reject(411);
-  if (length > kMaxPutBytes) return reject(413);
+  if (length > maxPutBytes_) return reject(413);
   if (target.relative.empty()) return reject(409);  // the root's folder itself
 
   std::error_code error;

@@ -46,13 +46,16 @@ using PageRenderer =
 // Immutable once built; its callbacks serve any number of connections at once.
 class KXFileService {
  public:
-  // The largest PUT body stored; a longer one is answered 413 without being read.
-  static constexpr std::uint64_t kMaxPutBytes = 64ull * 1024 * 1024;
+  // The largest PUT body stored unless told otherwise. Bodies go to the file as they
+  // arrive, never whole into memory: the limit is one of disk space.
+  static constexpr std::uint64_t kMaxPutBytes = 1ull << 30;
 
   // roots: first path component -> folder (an empty path: a root without a folder).
-  // access: null lets every request in.
+  // access: null lets every request in. maxPutBytes: a longer PUT body is answered 413
+  // without being read.
   KXFileService(std::map<std::string, std::filesystem::path> roots, PageRenderer pages,
-                std::shared_ptr<const KXAccessPolicy> access = nullptr);
+                std::shared_ptr<const KXAccessPolicy> access = nullptr,
+                std::uint64_t maxPutBytes = kMaxPutBytes);
 
   KXFileService(const KXFileService&) = delete;
   KXFileService& operator=(const KXFileService&) = delete;
@@ -92,6 +95,7 @@ class KXFileService {
   std::map<std::string, std::filesystem::path> roots_;
   PageRenderer pages_;
   std::shared_ptr<const KXAccessPolicy> access_;
+  std::uint64_t maxPutBytes_;
   // The runtime's own request and header parsers, which ours wrap. Set by install, before
   // the context serves anything.
   mutable std::atomic<ParseFunction> parse_{nullptr};

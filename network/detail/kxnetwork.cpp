@@ -41,11 +41,14 @@ constexpr std::chrono::milliseconds kBeatPeriod{1000};
 constexpr std::chrono::milliseconds kFirstCheckDelay{4000};
 constexpr std::chrono::milliseconds kCheckPeriod{1000};
 constexpr std::chrono::milliseconds kBindPause{100};
+constexpr std::chrono::milliseconds kStoppedServerRelease{2000};
 constexpr std::chrono::milliseconds kHeartBeatEndPause{100};
 constexpr std::chrono::milliseconds kReconnectPause{400};
+constexpr std::chrono::milliseconds kRejoinPeriod{2000};
 
 // A pool task that runs one long-lived member of the module (accept loop, heartbeat,
-// parallel-call sender). The module is held weakly: a task never keeps it alive.
+// parallel-call sender). The module is held weakly while the task waits in the queue,
+// and strongly while the member runs: exit() is what ends the members.
 class KXNetworkTask : public KXTask {
  public:
   KXNetworkTask(const char* name, std::weak_ptr<KXModuleCore> module, void (KXNetwork::*work)())
@@ -79,7 +82,8 @@ struct KXNetwork::Impl {
 
   // Serialises newServer.
   std::mutex serverMutex;
-  std::shared_ptr<KXNetworkServer> server;  // guarded by serverMutex
+  std::shared_ptr<KXNetworkServer> server;       // guarded by serverMutex
+  std::weak_ptr<KXNetworkServer> stoppedServer;  // guarded by serverMutex
 
   mutable std::mutex connectionMutex;
   std::map<int, std::shared_ptr<KXConnection>> connections;  // guarded by connectionMutex
@@ -94,10 +98,13 @@ struct KXNetwork::Impl {
   bool remoteSenderRunning = false;
   bool heartBeatCheckerRunning = false;
   bool heartBeatCheckWanted = false;  // asked for while the checker was running
-  bool heartBeatRunning = false;
+  bool heartBeatRunning = false;      // from the claim until the sender ends
   bool heartBeatConnected = false;
+  int failedBeats = 0;  // counts the beats that failed, for reconnectBroker's wait
   int maxRoundTripSeconds = 0;
   int parentConnection = 0;
+  std::string parentIp;  // where parentConnection goes, to register there again
+  int parentPort = 0;
 
   KXConditionManager conditions;
 
@@ -121,7 +128,7 @@ KXNetwork::KXNetwork(const std::shared_ptr<KXBroker>& broker, const std::string&
 }
 
 KXNetwork::~KXNetwork() {
-  // Normally done by exit(); a module dropped without it must not leave tasks blocked.
+  // Normally done by exit(); closes the listening socket of a module dropped without it.
   stopServer();
 }
 
@@ -129,7 +136,8 @@ void KXNetwork::stopServer() {
   std::shared_ptr<KXNetworkServer> server;
   {
     std::lock_guard<std::mutex> guard(impl_->serverMutex);
-    server = impl_->server;
+    server = std::move(impl_->server);
+    impl_->stoppedServer = server;
   }
   if (server) {
     server->stop();
@@ -196,8 +204,11 @@ int KXNetwork::findFreePort(const std::string& /*ip*/, const int& port) {
     if (probe < 0) {
       break;
     }
-    // No SO_REUSEADDR: a port that any socket holds counts as taken. No lingering, so the
-    // probe leaves nothing behind.
+    // SO_REUSEADDR, as the server binds: connections a stopped or killed broker left in
+    // TIME-WAIT do not hold its port, a socket listening on it (or bound without the
+    // option) does. No lingering, so the probe leaves nothing behind.
+    const int reuse = 1;
+    setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse));
     const linger noLinger{1, 0};
     setsockopt(probe, SOL_SOCKET, SO_LINGER, &noLinger, sizeof(noLinger));
     sockaddr_in address{};
@@ -236,6 +247,12 @@ void KXNetwork::newServer(const std::string& ip, const int& port) {
       std::make_shared<const KXAccessPolicy>(hostNames, impl_->access.token, port));
   auto server = std::make_shared<KXNetworkServer>(carryOutBrokerRequest, std::move(files));
 
+  // A server stopped before (disconnectBroker) holds its port until its accept loop and
+  // its connections' tasks have let it go, which they do at once once stopped.
+  const auto released = std::chrono::steady_clock::now() + kStoppedServerRelease;
+  while (!impl_->stoppedServer.expired() && std::chrono::steady_clock::now() < released) {
+    std::this_thread::sleep_for(kBindPause / 10);
+  }
   if (findFreePort(ip, port) != port) {
     KX_THROW("KXBroker", "runBroker",
              "Port " + std::to_string(port) + " is not free. Another broker is using this port.");
@@ -313,6 +330,15 @@ void KXNetwork::configureClient(const std::string& endpoint, const std::string& 
 }
 
 void KXNetwork::registerClient(const std::string& ip, const int& port, const bool& useHeartBeat) {
+  joinParent(ip, port);
+  // A heartbeat already running goes on over the new parent connection.
+  if (useHeartBeat && claimHeartBeat() && !startTask("runHeartBeat", &KXNetwork::beatWhileJoined)) {
+    std::lock_guard<std::mutex> guard(impl_->stateMutex);
+    impl_->heartBeatRunning = false;
+  }
+}
+
+void KXNetwork::joinParent(const std::string& ip, int port) {
   std::shared_ptr<KXBroker> broker = getParentBroker();
   const std::string endpoint = endpointOf(ip, port);
   KXModuleInfo parent;
@@ -326,6 +352,8 @@ void KXNetwork::registerClient(const std::string& ip, const int& port, const boo
     std::lock_guard<std::mutex> guard(impl_->stateMutex);
     previous = impl_->parentConnection;
     impl_->parentConnection = connection;
+    impl_->parentIp = ip;
+    impl_->parentPort = port;
   }
   if (previous != 0) {
     destroyConnection(previous);
@@ -337,9 +365,6 @@ void KXNetwork::registerClient(const std::string& ip, const int& port, const boo
     TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::registerClient")
         << "cannot register broker to " << endpoint << ": " << error.description() << std::endl;
     throw;
-  }
-  if (useHeartBeat) {
-    startTask("runHeartBeat", &KXNetwork::runHeartBeat);
   }
 }
 
@@ -364,34 +389,62 @@ void KXNetwork::leaveParent() {
 }
 
 void KXNetwork::runHeartBeat() {
-  int connection = 0;
-  {
-    std::lock_guard<std::mutex> guard(impl_->stateMutex);
-    if (impl_->heartBeatRunning || impl_->parentConnection == 0) {
-      return;
-    }
-    impl_->heartBeatRunning = true;
-    connection = impl_->parentConnection;
-  }
-  const std::string name = getBrokerName();
+  if (claimHeartBeat()) beatWhileJoined();
+}
+
+bool KXNetwork::claimHeartBeat() {
+  std::lock_guard<std::mutex> guard(impl_->stateMutex);
+  if (impl_->heartBeatRunning) return false;
+  impl_->heartBeatRunning = true;
+  return true;
+}
+
+void KXNetwork::beatWhileJoined() {
   KXValue arguments;
   arguments.arraySetSize(1);
-  arguments[0] = name;
-  while (keepRunning()) {
+  arguments[0] = getBrokerName();
+  bool beating = true;
+  while (beating) {
+    const bool failed = !beatUntilStopped(arguments);
     {
       std::lock_guard<std::mutex> guard(impl_->stateMutex);
-      if (impl_->parentConnection != connection) {
-        break;  // left the parent
-      }
+      impl_->heartBeatConnected = false;
+      if (failed) ++impl_->failedBeats;
     }
+    impl_->pause(kHeartBeatEndPause);
+    impl_->wake.notify_all();
+    impl_->conditions.trigger("firstBeat");
+    beating = failed && rejoinParent();
+  }
+  {
+    std::lock_guard<std::mutex> guard(impl_->stateMutex);
+    impl_->heartBeatRunning = false;
+  }
+  impl_->wake.notify_all();
+  impl_->conditions.trigger("heartBeat");
+}
+
+bool KXNetwork::beatUntilStopped(const KXValue& arguments) {
+  while (keepRunning()) {
+    int connection = 0;
+    {
+      std::lock_guard<std::mutex> guard(impl_->stateMutex);
+      connection = impl_->parentConnection;
+    }
+    if (connection == 0) return true;  // left the parent
     const auto sent = std::chrono::steady_clock::now();
     try {
       callMethod(connection, "heartBeat", arguments);
     } catch (const KXError& error) {
+      {
+        // A beat cut short by a registration that replaced the connection is no failure.
+        std::lock_guard<std::mutex> guard(impl_->stateMutex);
+        if (impl_->parentConnection != connection) continue;
+      }
       TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::runHeartBeat")
           << "heartbeat to the parent failed: " << error.description() << std::endl;
       impl_->pause(kBeatPeriod);
-      break;
+      return false;
     }
     const int roundTrip = static_cast<int>(
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - sent)
@@ -403,22 +456,39 @@ void KXNetwork::runHeartBeat() {
     }
     impl_->wake.notify_all();
     impl_->conditions.trigger("firstBeat");
-    if (!impl_->pause(kBeatPeriod)) {
-      break;
+    if (!impl_->pause(kBeatPeriod)) return true;
+  }
+  return true;
+}
+
+bool KXNetwork::rejoinParent() {
+  bool reported = false;
+  for (;;) {
+    if (!impl_->pause(kRejoinPeriod) || !keepRunning()) return false;
+    std::string ip;
+    int port = 0;
+    {
+      std::lock_guard<std::mutex> guard(impl_->stateMutex);
+      if (impl_->parentConnection == 0) return false;  // left the parent meanwhile
+      ip = impl_->parentIp;
+      port = impl_->parentPort;
+    }
+    try {
+      joinParent(ip, port);
+      TU_LOG(tu::log::info, kCategory, "KX::KXNetwork::runHeartBeat")
+          << "registered again with the parent at " << endpointOf(ip, port) << std::endl;
+      return true;
+    } catch (const KXError& error) {
+      // Said once: the parent may stay away for long, and is tried every few seconds.
+      if (!reported) {
+        TU_LOG(tu::log::info, kCategory, "KX::KXNetwork::runHeartBeat")
+            << "the parent at " << endpointOf(ip, port) << " cannot be reached; trying again every "
+            << std::chrono::duration_cast<std::chrono::seconds>(kRejoinPeriod).count()
+            << " s: " << error.description() << std::endl;
+        reported = true;
+      }
     }
   }
-  {
-    std::lock_guard<std::mutex> guard(impl_->stateMutex);
-    impl_->heartBeatConnected = false;
-  }
-  impl_->pause(kHeartBeatEndPause);
-  {
-    std::lock_guard<std::mutex> guard(impl_->stateMutex);
-    impl_->heartBeatRunning = false;
-  }
-  impl_->wake.notify_all();
-  impl_->conditions.trigger("heartBeat");
-  impl_->conditions.trigger("firstBeat");
 }
 
 bool KXNetwork::isHeartBeatConnected() const {
@@ -434,7 +504,10 @@ int KXNetwork::getMaxHeartBeatRoundTrip() const {
 // ---------------------------------------------------------------- the children
 
 void KXNetwork::heartBeat(const std::string& brokerName) {
-  getParentBroker()->childHeartBeat(brokerName);
+  // A child this broker has dropped (or never had) is told so: it then registers again.
+  if (!getParentBroker()->childHeartBeat(brokerName)) {
+    KX_THROW(kClass, "heartBeat", "Broker \"" + brokerName + "\" is not a child of this broker");
+  }
 }
 
 void KXNetwork::startHeartBeatCheck() {
@@ -564,7 +637,10 @@ void KXNetwork::setEndPoint(const int& connection, const std::string& ip, const 
   auto replacement = std::make_shared<KXConnection>(endpointOf(ip, port), old->module(),
                                                     kBrokerTimeoutSeconds, impl_->access.token);
   std::lock_guard<std::mutex> guard(impl_->connectionMutex);
-  impl_->connections[connection] = replacement;
+  // Unless the connection was destroyed or replaced meanwhile: an id once destroyed
+  // never comes back.
+  auto found = impl_->connections.find(connection);
+  if (found != impl_->connections.end() && found->second == old) found->second = replacement;
 }
 
 std::shared_ptr<KXConnection> KXNetwork::findConnection(int connection, const char* method) const {
@@ -626,11 +702,18 @@ void KXNetwork::reconnectBroker(const std::string& parentIP, const int& parentPo
     std::this_thread::sleep_for(kReconnectPause);
     TU_LOG(tu::log::info, kCategory, "KX::KXNetwork::reconnectBroker")
         << "reconnectBroker: registerClient" << std::endl;
+    int failedBefore = 0;
+    {
+      std::lock_guard<std::mutex> guard(impl_->stateMutex);
+      failedBefore = impl_->failedBeats;
+    }
     registerClient(parentIP, parentPort, heartbeat);
     if (heartbeat) {
+      // Until the first beat, or the first beat's failure.
       std::unique_lock<std::mutex> lock(impl_->stateMutex);
-      impl_->wake.wait(lock, [this] {
-        return impl_->heartBeatConnected || !impl_->heartBeatRunning || impl_->stopping;
+      impl_->wake.wait(lock, [this, failedBefore] {
+        return impl_->heartBeatConnected || impl_->failedBeats != failedBefore ||
+               !impl_->heartBeatRunning || impl_->stopping;
       });
     }
   } catch (const KXError&) {

@@ -72,7 +72,10 @@ class KXNetwork : public KXModule, public KXNetworkService {
   // ---- Work run as tasks (also bound, for completeness of the module's interface)
   // The accept loop: until exit, the broker's shutdown or an accept error.
   void listenRequest();
-  // The child's heartbeat to its parent: one beat a second until a beat fails.
+  // The child's heartbeat to its parent: one beat a second while the broker has a parent.
+  // When a beat fails (the parent went away, or dropped this broker), the broker registers
+  // with the same parent again every 2 s until it is back, then beats again. One sender at
+  // a time: called while one runs, returns at once.
   void runHeartBeat();
   // The parent's check of its children's heartbeats: first after 4 s, then every second
   // while there are children. One checker at a time: called while one runs, returns at once.
@@ -104,7 +107,8 @@ class KXNetwork : public KXModule, public KXNetworkService {
 
   std::shared_ptr<KXConnection> findConnection(int connection, const char* method) const;
   void bindNetworkMethods();
-  // Ends the accept loop and every connection being served.
+  // Ends the accept loop and every connection being served; the port is free again once
+  // they have let the stopped server go.
   void stopServer();
   bool keepRunning() const;
   // Queues `work` (a member of this module) as a named task of the broker's pool.
@@ -114,6 +118,18 @@ class KXNetwork : public KXModule, public KXNetworkService {
   bool claimHeartBeatChecker();
   // The checker's loop, run by the one that claimed the place, which it gives back.
   void checkChildrenWhileAny();
+  // Connects and registers with a parent, which becomes the one the heartbeat goes to.
+  void joinParent(const std::string& ip, int port);
+  // Takes the one heartbeat sender's place; false when a sender runs (it then follows the
+  // new parent connection).
+  bool claimHeartBeat();
+  // The sender's loop, run by the one that claimed the place, which it gives back.
+  void beatWhileJoined();
+  // Beats every second: false when a beat failed, true when the broker stops or leaves.
+  bool beatUntilStopped(const KXValue& arguments);
+  // Registers with the parent again every 2 s: true once it took, false when the broker
+  // stops or leaves its parent first.
+  bool rejoinParent();
 
   std::unique_ptr<Impl> impl_;
 };

@@ -13,15 +13,21 @@ namespace {
 
 constexpr char kCategory[] = "core.common.network";
 
+// Every failure raised here is network trouble, which callers may catch apart from other
+// errors, except a remote module's own error.
+[[noreturn]] void throwNetworkError(const std::string& method, const std::string& description) {
+  throw KXNetworkError("KXNetwork", method, description, __FILE__, __LINE__);
+}
+
 // Sends a broker operation (no module call) and returns its answer; raises
-// KXError("KXNetwork", method, <the fault>) when it fails.
+// KXNetworkError("KXNetwork", method, <the fault>) when it fails.
 template <typename Op>
 typename Op::Answer ask(KXConnection& connection, const char* method, const Op& request) {
   BrokerReply<typename Op::Answer> reply = connection.exchange(request);
   if (reply.fault) {
-    KX_THROW("KXNetwork", method,
-             reply.fault->string +
-                 (reply.fault->detail.empty() ? "" : " (" + reply.fault->detail + ")"));
+    throwNetworkError(method,
+                      reply.fault->string +
+                          (reply.fault->detail.empty() ? "" : " (" + reply.fault->detail + ")"));
   }
   return std::move(reply.answer);
 }
@@ -33,9 +39,8 @@ typename Op::Answer ask(KXConnection& connection, const char* method, const Op& 
   if (fault.detail == module) {
     throw KXError(module, method, fault.string, __FILE__, __LINE__);
   }
-  KX_THROW("KXNetwork", operation,
-           "Error calling remote module method " + module + "::" + method + ": " + fault.string +
-               " (" + fault.detail + ")");
+  throwNetworkError(operation, "Error calling remote module method " + module + "::" + method +
+                                   ": " + fault.string + " (" + fault.detail + ")");
 }
 
 }  // namespace
@@ -91,9 +96,8 @@ KXModuleInfo KXNetwork::getModuleByName(int connection, const std::string& name)
   std::shared_ptr<KXConnection> target = findConnection(connection, "getModuleByName");
   const BrokerReply<KXModuleInfo> reply = target->exchange(protocol::GetModuleByName{{name}});
   if (reply.fault) {
-    KX_THROW("KXNetwork", "getModuleByName",
-             "failed to get module " + name + " from " + target->endpoint() + ": " +
-                 reply.fault->string);
+    throwNetworkError("getModuleByName", "failed to get module " + name + " from " +
+                                             target->endpoint() + ": " + reply.fault->string);
   }
   return reply.answer;
 }
@@ -109,9 +113,9 @@ KXModuleInfo KXNetwork::getBrokerInfo(int connection) {
   if (reply.fault) {
     TU_LOG(tu::log::error, kCategory, "KX::KXNetwork::getBrokerInfo")
         << "cannot reach " << target->endpoint() << ": " << reply.fault->string << std::endl;
-    KX_THROW("KXNetwork", "Connect",
-             "Connection failed. Could not contact endpoint: " + target->endpoint() +
-                 " Please verify that Velmo is running at this address.");
+    throwNetworkError("Connect",
+                      "Connection failed. Could not contact endpoint: " + target->endpoint() +
+                          " Please verify that Velmo is running at this address.");
   }
   return reply.answer;
 }
@@ -156,7 +160,7 @@ std::string KXNetwork::sendBackIP(int connection) {
   std::shared_ptr<KXConnection> target = findConnection(connection, "sendBackIP");
   const BrokerReply<std::string> reply = target->exchange(protocol::SendBackIP{});
   if (reply.fault || reply.answer.empty()) {
-    KX_THROW("KXNetwork", "sendBackIP", "Endpoint not responding: " + target->endpoint());
+    throwNetworkError("sendBackIP", "Endpoint not responding: " + target->endpoint());
   }
   return reply.answer;
 }

@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "log/log.h"
 #include "network/detail/kxsoapio.h"
 #include "thread/kxtask.h"
+#include "value/kxerror.h"
 
 namespace KX {
 
@@ -152,6 +154,9 @@ KXNetworkServer::~KXNetworkServer() = default;
 
 bool KXNetworkServer::bind(const std::string& ip, int port) {
   const char* host = (ip.empty() || ip == "0.0.0.0") ? nullptr : ip.c_str();
+  // A broker restarted on its port must not wait for the connections its killed
+  // predecessor left in TIME-WAIT; a port another socket listens on stays refused.
+  server_->bind_flags = SO_REUSEADDR;
   return soap_valid_socket(soap_bind(server_.get(), host, port, kBacklog));
 }
 
@@ -263,6 +268,20 @@ void KXNetworkServer::serve(const std::shared_ptr<Connection>& connection) {
   // A connection that is neither served nor watched is closed with its last owner.
   if (!stopped_.load() && connection->serve(handler_) == BrokerConnection::State::Idle) {
     park(connection);
+  }
+}
+
+void KXNetworkServer::serveConnection(int socket) {
+  std::optional<KXSoapContext> context;
+  try {
+    context.emplace(KXSoapContext::copyOf(server_));
+  } catch (const KXError&) {
+    ::close(socket);
+    throw;
+  }
+  (*context)->socket = socket;
+  Connection connection(*this, std::move(*context));
+  while (connection.serve(handler_) == BrokerConnection::State::Idle) {
   }
 }
 

@@ -20,7 +20,9 @@ class KXTask;
 
 // How long a served connection waits for its peer.
 struct ServeTimeouts {
-  int receiveSeconds = 300;  // for a request to come, and for each of its bytes
+  // For a request to come, for each of its bytes, and for the whole request (one second
+  // more for every kSlowestRequestRate bytes of it).
+  int receiveSeconds = 300;
   int sendSeconds = 60;
 };
 
@@ -69,6 +71,13 @@ class KXNetworkServer : public std::enable_shared_from_this<KXNetworkServer> {
   // is closed. The idle connections are closed when the loop ends.
   void serveLoop(const std::function<bool()>& keepGoing,
                  const std::function<bool(const std::shared_ptr<KXTask>&)>& enqueue);
+
+  // Serves `socket`, a connected stream socket that it takes over (and closes), as it
+  // serves an accepted connection, on the calling thread and until the connection ends: a
+  // way to feed the server a connection's bytes without listening (the fuzzing targets).
+  // Returns once every request has been served and the peer has shut down its sending
+  // side; a peer that stays connected and silent keeps it serving.
+  void serveConnection(int socket);
 
   // Ends the loop and shuts every connection down.
   void stop();

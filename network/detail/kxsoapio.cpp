@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -297,28 +299,53 @@ int sendAll(struct soap* soap, const char* bytes, std::size_t size) {
   return SOAP_OK;
 }
 
-// How long a receive may wait for its bytes on a connection set up by useKernelTimeouts.
+// How long a receive may wait for its bytes, and the request being read may take, on a
+// connection set up by useKernelTimeouts.
 struct ReceiveLimit {
   static constexpr char kPluginId[] = "KXReceiveLimit";
   int seconds = 0;  // 0: no limit
+  // The request being read: when it began (none before startRequestClock) and its bytes.
+  std::optional<std::chrono::steady_clock::time_point> requestStart;
+  std::uint64_t requestBytes = 0;
+
+  bool requestOverdue() const {
+    if (seconds == 0 || !requestStart) return false;
+    return std::chrono::steady_clock::now() - *requestStart >
+           std::chrono::seconds(seconds) + std::chrono::seconds(requestBytes / kSlowestRequestRate);
+  }
 };
 
 bool wouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
 
 std::size_t receiveSome(struct soap* soap, char* bytes, std::size_t size) {
+  ReceiveLimit& limit = *KXSoapState<ReceiveLimit>::of(soap);
   std::chrono::steady_clock::time_point waitingSince;  // set at the first wake
   for (;;) {
     const ssize_t received = ::recv(soap->socket, bytes, size, 0);
-    if (received >= 0) return static_cast<std::size_t>(received);
-    if (errno == EINTR) continue;
-    if (wouldBlock(errno)) {
-      // The wake: only a slow peer gets here, so the time is asked only then.
+    if (received > 0) {
+      limit.requestBytes += static_cast<std::uint64_t>(received);
+      if (!limit.requestOverdue()) {
+        return static_cast<std::size_t>(received);
+      }
+      errno = ETIMEDOUT;
+    } else if (received == 0) {
+      return 0;
+    } else if (errno == EINTR) {
+      continue;
+    } else if (wouldBlock(errno)) {
+      // The wake: only a slow peer gets here.
       const auto now = std::chrono::steady_clock::now();
       if (waitingSince == std::chrono::steady_clock::time_point()) waitingSince = now;
-      const int limit = KXSoapState<ReceiveLimit>::of(soap)->seconds;
-      if (limit == 0 || now - waitingSince < std::chrono::seconds(limit)) continue;
+      if (limit.requestOverdue()) {
+        errno = ETIMEDOUT;
+      } else if (limit.seconds == 0 || now - waitingSince < std::chrono::seconds(limit.seconds)) {
+        continue;
+      }
     }
-    soap->errnum = errno;  // EAGAIN: the receive timeout
+    soap->errnum = errno;  // EAGAIN: the receive timeout; ETIMEDOUT: the request's
+    // The connection is over. The runtime takes an end within an HTTP header for the end
+    // of the header and would answer half a request: nothing more goes in or out.
+    ::shutdown(soap->socket, SHUT_RDWR);
     return 0;
   }
 }
@@ -345,6 +372,13 @@ void useKernelTimeouts(struct soap* soap, std::chrono::milliseconds wake, int re
   soap->send_timeout = 0;
   soap->fsend = sendAll;
   soap->frecv = receiveSome;
+}
+
+void startRequestClock(struct soap* soap) {
+  if (ReceiveLimit* limit = KXSoapState<ReceiveLimit>::of(soap)) {
+    limit->requestStart = std::chrono::steady_clock::now();
+    limit->requestBytes = 0;
+  }
 }
 
 bool receiveWithinWake(struct soap* soap) {
@@ -441,9 +475,12 @@ bool readMessageBytes(struct soap* soap, char* out, std::size_t size) {
 }
 
 int finishSoapReceive(struct soap* soap) {
-  // Chunked and MIME bodies have trailers the runtime must read itself.
+  // Chunked and MIME bodies have trailers the runtime must read itself, and with them
+  // their attachments, which are then handed over as the ones we read are.
   if ((soap->mode & SOAP_IO) == SOAP_IO_CHUNK || (soap->mode & SOAP_ENC_MIME) != 0) {
-    return soap_end_recv(soap);
+    if (soap_end_recv(soap) != SOAP_OK) return soap->error;
+    adoptRuntimeAttachments(soap);
+    return SOAP_OK;
   }
   // The envelope was read whole by readSoapEnvelope and parsed by us: there are no
   // id/href references for the runtime to resolve, only the DIME attachments to read.

@@ -4,6 +4,7 @@
 #include <stdsoap2.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -55,6 +56,17 @@ SocketInput inputOf(int socket);
 // a send that timed out, fails the message as a broken connection would.
 void useKernelTimeouts(struct soap* soap, std::chrono::milliseconds wake, int receiveSeconds,
                        int sendSeconds);
+
+// The slowest a request may come in on a connection set up by useKernelTimeouts, in bytes
+// per second, once its receive timeout has passed.
+constexpr std::uint64_t kSlowestRequestRate = 1024;
+
+// On a connection set up by useKernelTimeouts: the request that begins now must have come
+// whole within the receive timeout, plus one second for every kSlowestRequestRate bytes of
+// it; a receive after that fails the message as a broken connection would. A limit on each
+// read alone would let a peer that sends a byte now and then hold the connection's worker
+// for ever. Does nothing on other connections.
+void startRequestClock(struct soap* soap);
 
 // On a connection set up by useKernelTimeouts: reads what has arrived into the context's
 // input buffer, waiting at most the wake time. False when nothing came (the peer is idle);

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -23,51 +24,14 @@ namespace {
 
 using testing_util::arrayOf;
 using wire::callRequest;
+using wire::dimeMessage;
+using wire::dimeRecord;
 using wire::envelope;
 using wire::HttpReply;
+using wire::kDimeAbsoluteUri;
+using wire::kDimeMediaType;
 using wire::operation;
 using wire::WireConnection;
-
-constexpr unsigned char kDimeMediaType = 0x10;
-constexpr unsigned char kDimeAbsoluteUri = 0x20;
-
-// A 12-byte header (version and flags, type format, the lengths of options, id and type in
-// 16 bits and of the data in 32 bits, big-endian), then id, type and data, each padded to
-// 4 bytes. `declaredSize` overrides the data length in the header (a record that lies);
-// `flags` adds to the version and the first and last flags (a chunk, another version).
-inline std::string dimeRecord(bool first, bool last, unsigned char typeFormat,
-                              const std::string& id, const std::string& type,
-                              const std::string& data,
-                              std::optional<std::uint32_t> declaredSize = std::nullopt,
-                              unsigned char flags = 0) {
-  const std::uint32_t lengths[] = {static_cast<std::uint32_t>(id.size() << 16 | type.size()),
-                                   declaredSize.value_or(static_cast<std::uint32_t>(data.size()))};
-  std::string record = {static_cast<char>(0x08 | (first ? 0x04 : 0) | (last ? 0x02 : 0) | flags),
-                        static_cast<char>(typeFormat), 0, 0};
-  for (const std::uint32_t length : lengths) {
-    for (int shift = 24; shift >= 0; shift -= 8)
-      record.push_back(static_cast<char>(length >> shift));
-  }
-  for (const std::string* field : {&id, &type, &data}) {
-    record += *field;
-    record.append((4 - field->size() % 4) % 4, '\0');
-  }
-  return record;
-}
-
-// A DIME message: the envelope (with the id `envelopeId`), then one attachment per entry of
-// `attachments`.
-inline std::string dimeMessage(const std::string& soapEnvelope,
-                               const std::vector<std::string>& attachments,
-                               const std::string& envelopeId = "") {
-  std::string message = dimeRecord(true, attachments.empty(), kDimeAbsoluteUri, envelopeId,
-                                   wire::kEnvelopeUri, soapEnvelope);
-  for (std::size_t i = 0; i < attachments.size(); ++i) {
-    message += dimeRecord(false, i + 1 == attachments.size(), kDimeMediaType, "image",
-                          "application/octet-stream", attachments[i]);
-  }
-  return message;
-}
 
 // The head of an answer with attachments, as the runtime writes it.
 inline std::string dimeAnswerHead(std::size_t length) {
@@ -304,6 +268,18 @@ TEST_F(ServeTest, BinaryLeavesTakeTheAttachmentsAndTheirResultGoesBackAsAttachme
     ASSERT_TRUE(connection.post(chunked, "application/dime"));
     EXPECT_EQ(connection.read().value_or(HttpReply{}).body,
               dimeMessage(wire::callAnswer(one), {"ab" + large + "c"}, "cid:id0"));
+  }
+  // A DIME message in HTTP chunks, which the runtime reads: its attachments arrive too.
+  {
+    WireConnection connection(port_);
+    const std::string message = dimeMessage(request, {"sent in chunks"});
+    std::string head = connection.postHeader(0, "application/dime");
+    head.replace(head.find("Content-Length: 0"), 17, "Transfer-Encoding: chunked");
+    std::ostringstream body;
+    body << std::hex << message.size() << "\r\n" << message << "\r\n0\r\n\r\n";
+    ASSERT_TRUE(connection.sendAll(head + body.str()));
+    EXPECT_EQ(connection.read().value_or(HttpReply{}).body,
+              dimeMessage(wire::callAnswer(one), {"sent in chunks"}, "cid:id0"));
   }
   // A DIME message cut short, with a record claiming 4 GiB, of another DIME version, or with
   // its envelope in chunks ends its connection only.

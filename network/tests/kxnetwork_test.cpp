@@ -108,6 +108,33 @@ TEST_F(NetworkTreeTest, AChildCallsAModuleOfItsParentAndGetsItsErrors) {
   EXPECT_EQ(calc_->addCalls.load(), 2);
 }
 
+// Callers tell network trouble from the errors of the module they call by its type.
+TEST_F(NetworkTreeTest, ABrokerThatIsGoneRaisesANetworkErrorAModuleItsOwnError) {
+  const auto errorKind = [](const std::function<void()>& call) -> std::string {
+    try {
+      call();
+    } catch (const KXNetworkError&) {
+      return "KXNetworkError";
+    } catch (const KXError&) {
+      return "KXError";
+    }
+    return "none";
+  };
+  KXProxy proxy(child_, "Calc");
+  KXBrokerProxy parent(child_, "127.0.0.1", port_);
+  EXPECT_EQ(errorKind([&] { proxy.call<void>("fail"); }), "KXError");
+  root_->shutdown();
+  KXBrokerInfo info;
+  const struct {
+    const char* what;
+    std::function<void()> call;
+  } gone[] = {
+      {"a call", [&] { proxy.call<int>("add", 1, 2); }},
+      {"a question", [&] { parent.getBrokerInfo(info); }},
+  };
+  for (const auto& c : gone) EXPECT_EQ(errorKind(c.call), "KXNetworkError") << c.what;
+}
+
 // An empty Binary once went as an empty attachment that memcpy copied into a null block.
 TEST_F(NetworkTreeTest, BinaryValuesTravelBothWaysNestedInArrays) {
   KXProxy proxy(child_, "Calc");
@@ -116,6 +143,21 @@ TEST_F(NetworkTreeTest, BinaryValuesTravelBothWaysNestedInArrays) {
   const KXValue value = args({binaryOf("first"), args({KXValue("x"), binaryOf(big)}), binaryOf(""),
                               binaryOf(std::string("\0\1\2", 3))});
   EXPECT_EQ(proxy.genericCall("echo", args({value})), value);
+}
+
+// A long array goes as one message each way and comes back whole.
+TEST_F(NetworkTreeTest, AHundredThousandElementArrayTravelsBothWays) {
+  KXProxy proxy(child_, "Calc");
+  KXValue array;
+  array.arraySetSize(100000);
+  for (int i = 0; i < array.getSize(); ++i) {
+    const KXValue kinds[] = {KXValue(i), KXValue(i * 0.5f), KXValue("s" + std::to_string(i)),
+                             args({KXValue(i % 2 == 0)})};
+    array[i] = kinds[i % 4];
+  }
+  const KXValue back = proxy.genericCall("echo", args({array}));
+  ASSERT_EQ(back.getSize(), 100000);
+  EXPECT_TRUE(back == array);
 }
 
 TEST_F(NetworkTreeTest, ParallelCallsAreWaitedForAndStoppedRemotely) {
@@ -173,6 +215,39 @@ TEST_F(NetworkTreeTest, TheParentKnowsItsChildItsModulesAndItsBeat) {
   const bool returned = check.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
   if (!returned) child_->shutdown();  // ends a second checker, which stops without children
   EXPECT_TRUE(returned);
+}
+
+// A parent that dropped a child tells it at its next beat; the child registers again,
+// with its modules, and beats on. A second registration leaves the one sender running.
+TEST_F(NetworkTreeTest, AChildDroppedByItsParentRegistersAgainAndBeatsOn) {
+  auto childModule = createModule<Calculator>(child_, "ChildCalc");
+  auto network = std::dynamic_pointer_cast<KXNetwork>(child_->getNetwork());
+  network->registerClient("127.0.0.1", port_, true);
+  tu::log::testing::LogCapture capture;
+  root_->unregisterBroker("child");
+  ASSERT_TRUE(root_->getChildBrokers().empty());
+  EXPECT_TRUE(eventually([&] { return root_->getChildBrokers().size() == 1; }));
+  EXPECT_EQ(KXProxy(root_, "ChildCalc").call<int>("twice", 4), 8);
+  std::vector<std::string> said;
+  for (const auto& record : capture.withFunction("KX::KXNetwork::runHeartBeat")) {
+    said.push_back(record.message);
+  }
+  const std::vector<std::string> expected = {
+      "heartbeat to the parent failed: Broker \"child\" is not a child of this broker\n",
+      "registered again with the parent at http://127.0.0.1:" + std::to_string(port_) + "\n"};
+  EXPECT_EQ(said, expected);
+  EXPECT_TRUE(eventually([&] { return network->isHeartBeatConnected(); }));
+}
+
+// Reconnecting returns once the first beat reached the parent.
+TEST_F(NetworkTreeTest, ABrokerReconnectedAfterDisconnectingHasBeatenWhenItReturns) {
+  auto network = std::dynamic_pointer_cast<KXNetwork>(child_->getNetwork());
+  network->disconnectBroker();
+  EXPECT_TRUE(root_->getChildBrokers().empty());
+  EXPECT_FALSE(network->isHeartBeatConnected());
+  network->reconnectBroker("127.0.0.1", port_, true);
+  EXPECT_TRUE(network->isHeartBeatConnected());
+  EXPECT_EQ(root_->getChildBrokers().size(), 1u);
 }
 
 TEST_F(NetworkTreeTest, AChildThatShutsDownLeavesItsParent) {

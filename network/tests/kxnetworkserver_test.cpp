@@ -103,6 +103,42 @@ TEST_F(ServerLoopTest, AnIdleConnectionIsClosedAfterTheReceiveTimeoutAndABusyOne
   EXPECT_TRUE(echoes(busy, 25));
 }
 
+// Each read had its time limit, but not the whole request: a client that sent a byte now and
+// then held its worker for ever.
+TEST_F(ServerLoopTest, ATricklingRequestHoldsUpNoOneAndIsDroppedOnceOverdue) {
+  start(ServeTimeouts{3, 10});
+  WireConnection slow(server_->port());
+  WireConnection other(server_->port());
+  const std::string body = callRequest("M", "echo", KXValue(7));
+  const std::string request = slow.postHeader(body.size()) + body;
+  for (std::size_t i = 0; i < 5; ++i) {
+    ASSERT_TRUE(slow.sendAll(request.substr(i, 1)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  // The other worker answers the other client while the slow request is unfinished...
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(echoes(other, i));
+  EXPECT_FALSE(slow.answeredOrClosed());
+  // ...and the slow one is still being served: its last byte brings its answer.
+  ASSERT_TRUE(slow.sendAll(request.substr(5)));
+  EXPECT_EQ(slow.read().value_or(wire::HttpReply{}).body, callAnswer(7));
+
+  // A request that never ends is dropped, although no byte came more than the receive
+  // timeout after the one before.
+  const auto began = std::chrono::steady_clock::now();
+  std::size_t sent = 0;
+  while (sent < 100 && !slow.answeredOrClosed() && slow.sendAll(request.substr(sent, 1))) {
+    ++sent;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  std::string answered;
+  EXPECT_TRUE(slow.waitForClose(&answered));
+  EXPECT_EQ(answered, "");
+  EXPECT_LT(sent, 100u);
+  EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::seconds(3));
+  WireConnection next(server_->port());  // `other` has been idle too long meanwhile
+  EXPECT_TRUE(echoes(next, 3));
+}
+
 }  // namespace
 }  // namespace testing
 }  // namespace KX

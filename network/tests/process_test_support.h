@@ -64,11 +64,12 @@ class ChildProcess {
     return text.str();
   }
 
-  // Waits until the output holds `text`; false after `patience`.
+  // Waits until the output holds `text` (at `from` or later); false after `patience`.
   bool waitFor(const std::string& text,
-               std::chrono::milliseconds patience = std::chrono::seconds(20)) const {
+               std::chrono::milliseconds patience = std::chrono::seconds(20),
+               std::size_t from = 0) const {
     const auto deadline = std::chrono::steady_clock::now() + patience;
-    while (output().find(text) == std::string::npos) {
+    while (output().find(text, from) == std::string::npos) {
       if (std::chrono::steady_clock::now() > deadline) return false;
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
@@ -109,7 +110,9 @@ class ChildProcess {
 
 // The port of the broker program once its modules serve: the earlier "Velmo is listening on"
 // line comes before KXMemory exists.
-inline int startRoot(ChildProcess& root) { return root.numberAfter("Listening on 127.0.0.1:"); }
+inline int startRoot(ChildProcess& root, const std::string& ip = "127.0.0.1") {
+  return root.numberAfter("Listening on " + ip + ":");
+}
 
 }  // namespace testing
 }  // namespace KX

@@ -1,5 +1,6 @@
-// velmo_testnode <broker name> <parent port> <module name>: a child of the broker on
-// 127.0.0.1:<parent port> hosting a test module; prints "READY <port>", runs until SIGTERM.
+// velmo_testnode <broker name> <parent port> <module name> [<ip> <parent ip>]: a child of
+// the broker on <parent ip>:<parent port> hosting a test module, listening on <ip> (both
+// 127.0.0.1 unless given); prints "READY <port>", runs until SIGTERM.
 #include <pthread.h>
 #include <signal.h>
 
@@ -11,10 +12,13 @@
 #include "value/kxerror.h"
 
 int main(int argc, char** argv) {
-  if (argc != 4) {
-    std::cerr << "usage: " << argv[0] << " <broker name> <parent port> <module name>\n";
+  if (argc != 4 && argc != 6) {
+    std::cerr << "usage: " << argv[0]
+              << " <broker name> <parent port> <module name> [<ip> <parent ip>]\n";
     return 2;
   }
+  const std::string ip = argc == 6 ? argv[4] : "127.0.0.1";
+  const std::string parentIp = argc == 6 ? argv[5] : "127.0.0.1";
   sigset_t stopSignals;
   sigemptyset(&stopSignals);
   sigaddset(&stopSignals, SIGINT);
@@ -23,8 +27,7 @@ int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
   std::shared_ptr<KX::KXBroker> broker;
   try {
-    broker =
-        KX::KXBroker::createBroker(argv[1], "127.0.0.1", 0, "127.0.0.1", std::stoi(argv[2]), 0);
+    broker = KX::KXBroker::createBroker(argv[1], ip, 0, parentIp, std::stoi(argv[2]), 0);
     KX::createModule<KX::testing::Calculator>(broker, argv[3]);
   } catch (const KX::KXError& error) {
     std::cerr << "cannot start: " << error.what() << std::endl;

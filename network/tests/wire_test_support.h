@@ -1,10 +1,11 @@
 #ifndef VELMO_NETWORK_TESTS_WIRE_TEST_SUPPORT_H_
 #define VELMO_NETWORK_TESTS_WIRE_TEST_SUPPORT_H_
 
-// The network tests' kit: loopback sockets on ports the system picks, and a hand-written peer
-// of the broker's port (HTTP requests and SOAP envelopes built as text, DIME records built
-// byte by byte). Nothing here goes through the SOAP runtime, so a test sees exactly the
-// bytes a foreign peer would send and receive.
+// The network tests' kit: loopback sockets on ports the system picks, a hand-written peer of
+// the broker's port (HTTP requests and SOAP envelopes built as text, DIME records built byte
+// by byte), and a runtime context fed such bytes without a socket. Nothing but that context
+// goes through the SOAP runtime, so a test sees exactly the bytes a foreign peer would send
+// and receive.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -13,10 +14,12 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -26,6 +29,7 @@
 
 #include "module/kxmoduleinfo.h"
 #include "network/detail/kxbrokermessage.h"
+#include "network/detail/kxsoapcontext.h"
 #include "network/detail/kxvaluesoap.h"
 #include "value/kxvalue.h"
 #include "value/tests/value_test_util.h"
@@ -246,6 +250,13 @@ class WireConnection {
     return false;
   }
 
+  // True when bytes have arrived or the peer has ended the connection, without waiting.
+  bool answeredOrClosed() const {
+    char byte;
+    const ssize_t n = ::recv(fd_, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    return n >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+  }
+
   void close() {
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;
@@ -319,6 +330,79 @@ inline std::string callAnswer(const KXValue& value) {
   return envelope("<kxbroker:callVelmoResponse>" + valueChild("kxbroker:return", value) +
                   "</kxbroker:callVelmoResponse>");
 }
+
+constexpr unsigned char kDimeMediaType = 0x10;
+constexpr unsigned char kDimeAbsoluteUri = 0x20;
+
+// A 12-byte header (version and flags, type format, the lengths of options, id and type in
+// 16 bits and of the data in 32 bits, big-endian), then id, type and data, each padded to
+// 4 bytes. `declaredSize` overrides the data length in the header (a record that lies);
+// `flags` adds to the version and the first and last flags (a chunk, another version).
+inline std::string dimeRecord(bool first, bool last, unsigned char typeFormat,
+                              const std::string& id, const std::string& type,
+                              const std::string& data,
+                              std::optional<std::uint32_t> declaredSize = std::nullopt,
+                              unsigned char flags = 0) {
+  const std::uint32_t lengths[] = {static_cast<std::uint32_t>(id.size() << 16 | type.size()),
+                                   declaredSize.value_or(static_cast<std::uint32_t>(data.size()))};
+  std::string record = {static_cast<char>(0x08 | (first ? 0x04 : 0) | (last ? 0x02 : 0) | flags),
+                        static_cast<char>(typeFormat), 0, 0};
+  for (const std::uint32_t length : lengths) {
+    for (int shift = 24; shift >= 0; shift -= 8)
+      record.push_back(static_cast<char>(length >> shift));
+  }
+  for (const std::string* field : {&id, &type, &data}) {
+    record += *field;
+    record.append((4 - field->size() % 4) % 4, '\0');
+  }
+  return record;
+}
+
+// A DIME message: the envelope (with the id `envelopeId`), then one attachment per entry of
+// `attachments`.
+inline std::string dimeMessage(const std::string& soapEnvelope,
+                               const std::vector<std::string>& attachments,
+                               const std::string& envelopeId = "") {
+  std::string message = dimeRecord(true, attachments.empty(), kDimeAbsoluteUri, envelopeId,
+                                   kEnvelopeUri, soapEnvelope);
+  for (std::size_t i = 0; i < attachments.size(); ++i) {
+    message += dimeRecord(false, i + 1 == attachments.size(), kDimeMediaType, "image",
+                          "application/octet-stream", attachments[i]);
+  }
+  return message;
+}
+
+// A context of the runtime that reads `bytes`, then the end of the connection, through its
+// receive callback rather than a socket: for the readers of a message, at most `piece`
+// bytes a read.
+class FedContext {
+ public:
+  explicit FedContext(std::string bytes, std::size_t piece = 65536)
+      : bytes_(std::move(bytes)), piece_(piece) {
+    context_->user = this;
+    context_->frecv = &FedContext::receive;
+  }
+  FedContext(const FedContext&) = delete;
+  FedContext& operator=(const FedContext&) = delete;
+
+  struct soap* get() const {
+    return context_.get();
+  }
+
+ private:
+  static std::size_t receive(struct soap* soap, char* out, std::size_t size) {
+    FedContext& fed = *static_cast<FedContext*>(soap->user);
+    const std::size_t taken = std::min({size, fed.piece_, fed.bytes_.size() - fed.at_});
+    std::memcpy(out, fed.bytes_.data() + fed.at_, taken);
+    fed.at_ += taken;
+    return taken;
+  }
+
+  const std::string bytes_;
+  const std::size_t piece_;
+  std::size_t at_ = 0;
+  KXSoapContext context_;
+};
 
 }  // namespace wire
 }  // namespace testing

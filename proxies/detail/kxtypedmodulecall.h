@@ -87,7 +87,9 @@ using NonDeducedT = typename NonDeduced<T>::type;
 //
 // Local module: each call checks the module is still valid (else KXError(<module name>,
 // <method>, "The underlying module is invalid.")), then calls the typed face found at
-// construction directly under the module's execution lock, without KXValues; a form
+// construction directly under the module's execution lock, without KXValues (a method
+// bound again later keeps being called through the face found first, which the module
+// keeps alive); a form
 // reached only generically goes through the proxy's genericCall; a signature that was
 // missing fails with the generic proxy's getMethodInfo error. Remote module: the generic
 // proxy's typed call, with its checks and messages.

@@ -115,6 +115,18 @@ TEST_F(PythonModuleTest, ErrorsAreKXErrorsWithTheirTexts) {
   }
 }
 
+// A module that is exiting runs nothing, in Python as in C++, and says so.
+TEST_F(PythonModuleTest, AnExitingModuleDoesNotCallPython) {
+  module_->exit();
+  ::testing::internal::CaptureStdout();
+  KXValue result("unchanged");
+  module_->execute("record", args({1}), result);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            "WARNING: Attempt to run a new task while shutting down. Task will not be executed.\n");
+  EXPECT_EQ(result, KXValue("unchanged"));
+  EXPECT_EQ(recordedCalls(), 0);
+}
+
 // Typed and parallel calls once ran the placeholder functor instead of execute.
 TEST_F(PythonModuleTest, TypedAndParallelProxyCallsReachPython) {
   KXProxy proxy(broker_, "m");

@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -40,6 +42,34 @@ std::shared_ptr<KXThreadPool> busyPool(int workers, int busy, int max,
   pool->init(workers);
   EXPECT_TRUE(started->wait());
   return pool;
+}
+
+// True once a thread of this process bears `name` (as the kernel keeps it: 15 characters).
+bool someThreadIsNamed(const std::string& name) {
+  const auto deadline = std::chrono::steady_clock::now() + testing::kPatience;
+  while (std::chrono::steady_clock::now() < deadline) {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+      std::ifstream comm(task.path() / "comm");
+      std::string line;
+      if (std::getline(comm, line) && line == name) return true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return false;
+}
+
+TEST(KXThreadTest, AWorkerSleepingOutsideAPoolLeavesWhenStopped) {
+  auto worker = std::make_shared<KXThread>(KXCondition::create(), KXMutex::create(), 0,
+                                           std::weak_ptr<KXThreadPool>());
+  worker->launch();
+  ASSERT_TRUE(someThreadIsNamed("KXThread [sleep"));
+  worker->stop();
+  auto joined = std::make_shared<Latch>(1);
+  std::thread([worker, joined] {
+    worker->join();
+    joined->countDown();
+  }).detach();
+  EXPECT_TRUE(joined->wait());
 }
 
 // With a stack far beyond what the machine can map, pthread_create fails: a resize throws,

@@ -22,7 +22,13 @@ class KXValueText {
   // Replaces `value` by the parse of `text` read as type `type` (a type code as
   // deduceType returns it). A type the compact form has no syntax for raises
   // "unknown type"; a String text without its opening quote raises "unknown string begin".
-  static void parseAs(KXValue& value, int type, const char* text, size_t length);
+  // `depth` is the level of `value` (1 at the top); a value deeper than kMaxDepth raises
+  // "value too deeply nested (more than 64 levels)".
+  static void parseAs(KXValue& value, int type, const char* text, size_t length, int depth = 1);
+
+  // The deepest level the parser reads: as deep as a value travels between brokers, and
+  // shallow enough that hostile text cannot exhaust the stack.
+  static constexpr int kMaxDepth = 64;
 
   // Hexadecimal digits after the first 'x' within `length` (blanks skipped, 32-bit wrap);
   // `found` tells whether there was an 'x'.

@@ -380,6 +380,22 @@ TEST(KXValueParserTest, Texts) {
   EXPECT_EQ(parsed("[1, 2 , 3]"), valueError("deduceType", "unknown format in string: ' 2 '"));
 }
 
+// As deep as a value travels between brokers and no deeper; far deeper text is refused
+// without exhausting the stack.
+TEST(KXValueParserTest, NestingStopsAtSixtyFourLevels) {
+  const auto nested = [](int arrays) {
+    return std::string(static_cast<std::size_t>(arrays), '[') + "7" +
+           std::string(static_cast<std::size_t>(arrays), ']');
+  };
+  const std::string tooDeep =
+      valueError("unSerializeFromText", "value too deeply nested (more than 64 levels)");
+  const struct {
+    int arrays;  // the Int inside them is one level deeper
+    std::string expected;
+  } cases[] = {{63, "Array " + nested(63)}, {64, tooDeep}, {100000, tooDeep}};
+  for (const auto& c : cases) EXPECT_EQ(parsed(nested(c.arrays)), c.expected) << c.arrays;
+}
+
 TEST(KXValueParserTest, LengthOrNulEndsTheText) {
   EXPECT_EQ(parsed("2.75", 3) + parsed("'abcdef'", 4) + parsed("[1, 2, 3]", 5),
             "Float 2.7String \"abc\"Array [1, 2]");
@@ -394,6 +410,23 @@ TEST(KXValueParserTest, CompactTextReadsBack) {
   EXPECT_TRUE(back == value) << back.toString();
   back.unSerializeFromText("[]");  // unlike the empty array: one Invalid element
   EXPECT_EQ(back.getSize(), 1);
+}
+
+// A long array comes back whole from a copy and through its compact text.
+TEST(KXValueParserTest, AHundredThousandElementsCopyAndReadBack) {
+  KXValue value;
+  value.arraySetSize(0);
+  for (int i = 0; i < 100000; ++i) {
+    const KXValue kinds[] = {KXValue(i), KXValue(i % 1000 + 0.25f), KXValue(std::to_string(i)),
+                             arrayOf(i % 2 == 0)};
+    value.arrayPush(kinds[i % 4]);
+  }
+  const KXValue copy = value;
+  KXValue back;
+  back.unSerializeFromText(copy.toString());
+  ASSERT_EQ(back.getSize(), 100000);
+  EXPECT_EQ(describe(back[99998]), "String \"99998\"");
+  EXPECT_TRUE(back == value);
 }
 
 // The old payload outlives the parse of a text that lies inside it.
