@@ -20,7 +20,8 @@ class KXConnection;
 //
 // Threads: the accept loop, each connection, the parallel-call sender and the heartbeat
 // sender/checker run as tasks of the broker's pool; exit() stops them all without waiting
-// for any timeout (sockets are shut down, sleeps are woken), before the pool is stopped.
+// for any timeout (sockets are shut down, sleeps are woken), before the pool is stopped;
+// only a send already blocked on a peer that reads nothing ends with the send first.
 // Locks: the module's server, connection and state mutexes are each taken alone, and none
 // is held during a network call.
 class KXNetwork : public KXModule, public KXNetworkService {
