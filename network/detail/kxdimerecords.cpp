@@ -197,17 +197,6 @@ int receiveDimeAttachments(struct soap* soap) {
   return SOAP_OK;
 }
 
-void adoptRuntimeAttachments(struct soap* soap) {
-  ReceivedAttachments* received = receivedOf(soap);
-  if (received == nullptr) return;
-  for (const soap_multipart* part : {soap->dime.list, soap->mime.list}) {
-    for (; part != nullptr; part = part->next) {
-      const auto* bytes = reinterpret_cast<const unsigned char*>(part->ptr);
-      received->buffers.emplace_back(bytes, bytes + (bytes != nullptr ? part->size : 0));
-    }
-  }
-}
-
 void takeAttachments(struct soap* soap, KXValue& value) {
   ReceivedAttachments* received = receivedOf(soap);
   if (received == nullptr || received->buffers.empty()) {

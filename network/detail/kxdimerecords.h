@@ -60,10 +60,6 @@ void installDimeRecords(struct soap* soap);
 // SOAP_DIME_ERROR for an envelope in chunks).
 int receiveDimeAttachments(struct soap* soap);
 
-// Takes the attachments the runtime read itself (a body sent in HTTP chunks, or MIME) as
-// received ones, in their order: copied, once the runtime has read the message whole.
-void adoptRuntimeAttachments(struct soap* soap);
-
 // Gives the k-th Binary leaf of `value` the k-th attachment received (its buffer, not a
 // copy); leaves beyond the attachments keep the bytes of their XML form.
 void takeAttachments(struct soap* soap, KXValue& value);

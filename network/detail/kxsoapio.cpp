@@ -475,12 +475,15 @@ bool readMessageBytes(struct soap* soap, char* out, std::size_t size) {
 }
 
 int finishSoapReceive(struct soap* soap) {
-  // Chunked and MIME bodies have trailers the runtime must read itself, and with them
-  // their attachments, which are then handed over as the ones we read are.
+  // DIME records in an HTTP body sent in chunks would be read by the runtime, which takes
+  // a record's claimed size on trust (a 12-byte header claiming 4 GiB is an allocation of
+  // 4 GiB): we never send such a message, and refuse it.
+  if ((soap->mode & SOAP_IO) == SOAP_IO_CHUNK && (soap->mode & SOAP_ENC_DIME) != 0) {
+    return soap->error = SOAP_DIME_ERROR;
+  }
+  // Chunked and MIME bodies have trailers the runtime must read itself.
   if ((soap->mode & SOAP_IO) == SOAP_IO_CHUNK || (soap->mode & SOAP_ENC_MIME) != 0) {
-    if (soap_end_recv(soap) != SOAP_OK) return soap->error;
-    adoptRuntimeAttachments(soap);
-    return SOAP_OK;
+    return soap_end_recv(soap);
   }
   // The envelope was read whole by readSoapEnvelope and parsed by us: there are no
   // id/href references for the runtime to resolve, only the DIME attachments to read.
